@@ -1,0 +1,41 @@
+#include "daemon/child_env.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <new>
+#include <string>
+
+#include "daemon/log.h"
+
+namespace {
+
+const char helpers_dir[] = "/bin/tovrin_helpers";
+
+// The system's default search path, for a daemon started without PATH.
+std::string default_path() {
+    size_t n = confstr(_CS_PATH, nullptr, 0);
+    if (n == 0)
+        return "/bin:/usr/bin";
+    std::string path(n, '\0');
+    confstr(_CS_PATH, path.data(), n);
+    path.resize(n - 1);
+    return path;
+}
+
+}  // namespace
+
+void tovrin_child_env_extend() {
+    try {
+        const char *current = getenv("PATH");
+        std::string path = current != nullptr ? current : default_path();
+        path += ':';
+        path += helpers_dir;
+        if (setenv("PATH", path.c_str(), 1) != 0)
+            tovrin_log(TOVRIN_LOG_ERROR, "failed to add tovrin helpers to path");
+    } catch (const std::bad_alloc &) {
+        tovrin_log(TOVRIN_LOG_ERROR, "failed to add tovrin helpers to path");
+    }
+    if (setenv("RUNNING_UNDER_TOVRIN", "yes", 1) != 0)
+        tovrin_log(TOVRIN_LOG_ERROR, "failed to add tovrin markers to path");
+}

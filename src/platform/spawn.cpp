@@ -1,0 +1,148 @@
+#include "platform/spawn.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/unique_fd.h"
+
+extern char **environ;
+
+namespace {
+
+// One pipe whose two ends are owned here until handed out.
+struct spawn_pipe {
+    unique_fd read_end;
+    unique_fd write_end;
+};
+
+// Makes a close-on-exec pipe whose read end does not block.
+bool spawn_pipe_open(spawn_pipe *p) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        return false;
+    p->read_end.reset(ends[0]);
+    p->write_end.reset(ends[1]);
+    int flags = fcntl(p->read_end.get(), F_GETFL);
+    return flags >= 0 && fcntl(p->read_end.get(), F_SETFL, flags | O_NONBLOCK) == 0;
+}
+
+// posix_spawn attributes, destroyed with this object.
+class spawn_attr {
+  public:
+    spawn_attr() { ok_ = posix_spawnattr_init(&attr_) == 0; }
+    ~spawn_attr() {
+        if (ok_)
+            posix_spawnattr_destroy(&attr_);
+    }
+    spawn_attr(const spawn_attr &) = delete;
+    spawn_attr &operator=(const spawn_attr &) = delete;
+
+    // New process group led by the child; every signal the caller may have
+    // ignored back at its default (handlers are reset by exec anyway); and
+    // no signal blocked, whatever the caller had blocked while spawning.
+    int setup() {
+        if (!ok_)
+            return ENOMEM;
+        sigset_t none, all;
+        sigemptyset(&none);
+        sigemptyset(&all);
+        for (int sig = 1; sig < NSIG; sig++) {
+            // sigaddset() refuses the C library's reserved signals. No caller
+            // can change those; the library alone decides their state in
+            // the child (glibc 2.36 leaves them ignored).
+            if (sig != SIGKILL && sig != SIGSTOP)
+                sigaddset(&all, sig);
+        }
+        int rc = posix_spawnattr_setflags(
+            &attr_, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+        if (rc == 0)
+            rc = posix_spawnattr_setpgroup(&attr_, 0);
+        if (rc == 0)
+            rc = posix_spawnattr_setsigmask(&attr_, &none);
+        if (rc == 0)
+            rc = posix_spawnattr_setsigdefault(&attr_, &all);
+        return rc;
+    }
+
+    const posix_spawnattr_t *get() const { return &attr_; }
+
+  private:
+    posix_spawnattr_t attr_;
+    bool ok_ = false;
+};
+
+// posix_spawn file actions, destroyed with this object.
+class spawn_actions {
+  public:
+    spawn_actions() { ok_ = posix_spawn_file_actions_init(&actions_) == 0; }
+    ~spawn_actions() {
+        if (ok_)
+            posix_spawn_file_actions_destroy(&actions_);
+    }
+    spawn_actions(const spawn_actions &) = delete;
+    spawn_actions &operator=(const spawn_actions &) = delete;
+
+    // Descriptors are allocated lowest first and a pipe's write end comes
+    // after its read end, so neither write end can be 0, and the stderr one
+    // cannot be 1: no redirection overwrites the source of a later one. A
+    // write end that already is 1 or 2 (the caller closed its stdio) has
+    // its close-on-exec flag cleared by the C library's dup2 action. Every
+    // pipe end is close-on-exec, so none reaches the program under its
+    // original number.
+    int setup(int out_write, int err_write) {
+        if (!ok_)
+            return ENOMEM;
+        int rc =
+            posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        if (rc == 0)
+            rc = posix_spawn_file_actions_adddup2(&actions_, out_write, STDOUT_FILENO);
+        if (rc == 0)
+            rc = posix_spawn_file_actions_adddup2(&actions_, err_write, STDERR_FILENO);
+        return rc;
+    }
+
+    const posix_spawn_file_actions_t *get() const { return &actions_; }
+
+  private:
+    posix_spawn_file_actions_t actions_;
+    bool ok_ = false;
+};
+
+}  // namespace
+
+pid_t veltrane_proc_execp_nowait_fds(const char *file, char *const argv[], void *reserved,
+                                     int *stdout_fd, int *stderr_fd) {
+    if (file == nullptr || file[0] == '\0' || argv == nullptr || reserved != nullptr ||
+        stdout_fd == nullptr || stderr_fd == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    spawn_pipe out, err;
+    if (!spawn_pipe_open(&out) || !spawn_pipe_open(&err))
+        return -1;
+
+    spawn_attr attr;
+    spawn_actions actions;
+    int rc = attr.setup();
+    if (rc == 0)
+        rc = actions.setup(out.write_end.get(), err.write_end.get());
+    pid_t pid = -1;
+    // The C library reports a failed exec (not found, not executable) as an
+    // error here and has already reaped the child, so no copy of the caller
+    // survives it.
+    if (rc == 0)
+        rc = posix_spawnp(&pid, file, actions.get(), attr.get(), argv, environ);
+    if (rc != 0) {
+        errno = rc;
+        return -1;
+    }
+    // The write ends close on return, so the read ends see end-of-file as
+    // soon as the child and everything it started have closed theirs.
+    *stdout_fd = out.read_end.release();
+    *stderr_fd = err.read_end.release();
+    return pid;
+}

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <sys/types.h>
+
+// Starts file (looked up on the caller's current PATH, no shell) with argv
+// as the leader of a new process group, with standard input from /dev/null
+// and standard output and standard error on two pipes. The read ends,
+// non-blocking and close-on-exec, are returned through stdout_fd and
+// stderr_fd and belong to the caller. The child starts with every signal a
+// caller can catch or ignore at its default disposition and an empty signal
+// mask. reserved must be null.
+// Returns the child's pid, which the caller reaps; or -1 with errno set and
+// nothing left open or running, also when the program cannot be found or
+// executed.
+pid_t veltrane_proc_execp_nowait_fds(const char *file, char *const argv[], void *reserved,
+                                     int *stdout_fd, int *stderr_fd);

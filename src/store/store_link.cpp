@@ -1,0 +1,199 @@
+#include "store/store_link.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "daemon/log.h"
+#include "store/command.h"
+#include "store/frame.h"
+#include "supervise/inst.h"
+
+namespace {
+
+// The frame text of one request, its first four bytes reserved for the
+// length; empty when it cannot be formatted.
+std::string request_format(int type, const char *key, int flag, const char *value) {
+    char *text = nullptr;
+    int n = -1;
+    switch (type) {
+        case TOVRIN_STORE_SET:
+            n = asprintf(&text, "    %d\x1e%s\x1e%d\x1e%s", type, key, flag, value);
+            break;
+        case TOVRIN_STORE_SUBSCRIBE:
+        case TOVRIN_STORE_UNSUBSCRIBE:
+            n = asprintf(&text, "    %d\x1e%s\x1e%s", type, TOVRIN_STORE_CLIENT, key);
+            break;
+        case TOVRIN_STORE_DELETE:
+            n = asprintf(&text, "    %d\x1e%s", type, key);
+            break;
+    }
+    std::string frame;
+    if (n > 0)
+        frame.assign(text, static_cast<size_t>(n));
+    free(text);
+    return frame;
+}
+
+// Ends the process: the link never reconnects, and the exit handler removes
+// the pid file.
+[[noreturn]] void store_link_lost() {
+    exit(1);
+}
+
+// Hands a complete notification body to its reader.
+void notification_dispatch(tovrin_inst *inst, const char *body, size_t length) {
+    tovrin_notification n = tovrin_notification_parse(std::string_view(body, length));
+    if (n.type != TOVRIN_STORE_VALUE)
+        return;
+    if (n.key.empty() || n.value.empty()) {
+        tovrin_log(TOVRIN_LOG_FATAL, "error handling stord message");
+        return;
+    }
+
+    std::string value(n.value);
+    size_t command_key_length = strlen(inst->command_key);
+    if (n.key.compare(0, command_key_length, inst->command_key) == 0) {
+        if (tovrin_handle_command(inst, value.c_str()) != 0)
+            tovrin_log(TOVRIN_LOG_FATAL, "error handling stord message");
+        return;
+    }
+
+    bool updated = false;
+    for (tovrin_var_sub &sub : inst->store_vars) {
+        if (sub.stord_prefix == n.key) {
+            sub.current_val = value;
+            updated = true;
+        }
+    }
+    if (!updated)
+        tovrin_log(TOVRIN_LOG_FATAL, "error handling stord message");
+}
+
+}  // namespace
+
+int tovrin_store_send(tovrin_inst *inst, int type, const char *key, int flag, const char *value) {
+    if (type != TOVRIN_STORE_SET && type != TOVRIN_STORE_SUBSCRIBE &&
+        type != TOVRIN_STORE_UNSUBSCRIBE && type != TOVRIN_STORE_DELETE) {
+        tovrin_log(TOVRIN_LOG_FATAL, "unknown message type");
+        return -1;
+    }
+    try {
+        std::string frame = request_format(type, key != nullptr ? key : "(null)", flag,
+                                           value != nullptr ? value : "(null)");
+        if (frame.size() <= TOVRIN_FRAME_HEADER) {
+            tovrin_log(TOVRIN_LOG_FATAL, "could not allocate message");
+            return -1;
+        }
+        uint32_t length = htonl(static_cast<uint32_t>(frame.size() - TOVRIN_FRAME_HEADER));
+        memcpy(frame.data(), &length, TOVRIN_FRAME_HEADER);
+        inst->store_out_queue.push_back(tovrin_store_msg{std::move(frame)});
+    } catch (const std::bad_alloc &) {
+        tovrin_log(TOVRIN_LOG_FATAL, "could not allocate message");
+        return -1;
+    }
+    inst->store_write_event.add();
+    return 0;
+}
+
+int tovrin_store_subscribe(tovrin_inst *inst, const char *key) {
+    return tovrin_store_send(inst, TOVRIN_STORE_SUBSCRIBE, key, 0, nullptr);
+}
+
+int tovrin_store_unsubscribe(tovrin_inst *inst, const char *key) {
+    return tovrin_store_send(inst, TOVRIN_STORE_UNSUBSCRIBE, key, 0, nullptr);
+}
+
+void tovrin_store_write(evutil_socket_t fd, short, void *arg) {
+    auto *inst = static_cast<tovrin_inst *>(arg);
+    if (inst->store_out_queue.empty()) {
+        inst->store_write_event.del();
+        return;
+    }
+
+    const std::string &frame = inst->store_out_queue.front().frame;
+    int total = static_cast<int>(frame.size());
+    if (inst->globals != nullptr &&
+        (inst->globals->instance_log_mask & TOVRIN_INST_LOG_DEBUGSTORD) != 0) {
+        tovrin_log(TOVRIN_LOG_INFO, "Writing to stord with msg len of %d, tx_len of %d msg of %s",
+                   total, inst->store_tx_state, frame.c_str() + TOVRIN_FRAME_HEADER);
+    }
+
+    // One write per readiness report; a partial write resumes at the next.
+    size_t done = static_cast<size_t>(inst->store_tx_state);
+    ssize_t n = send(fd, frame.data() + done, frame.size() - done, MSG_NOSIGNAL);
+    if (n > 0) {
+        inst->store_tx_state += static_cast<int>(n);
+        if (inst->store_tx_state >= total) {
+            inst->store_out_queue.pop_front();
+            inst->store_tx_state = 0;
+        }
+        return;
+    }
+    if (n < 0 && errno == EAGAIN)
+        return;
+    tovrin_log(TOVRIN_LOG_FATAL, "error writing to stord");
+}
+
+void tovrin_store_read(evutil_socket_t fd, short, void *arg) {
+    auto *inst = static_cast<tovrin_inst *>(arg);
+
+    if (inst->store_rx_state == 0) {
+        inst->store_rx_header_count = 0;
+        inst->store_rx_length = 0;
+        inst->store_rx_count = 0;
+        inst->store_rx_state = 1;
+    }
+
+    if (inst->store_rx_state == 1) {
+        errno = 0;
+        ssize_t n = read(fd, inst->store_rx_header + inst->store_rx_header_count,
+                         TOVRIN_FRAME_HEADER - inst->store_rx_header_count);
+        if (n < 0 && errno == EAGAIN)
+            return;
+        if (n <= 0) {
+            tovrin_log(TOVRIN_LOG_FATAL, "error reading message from stord %s",
+                       n == 0 ? "(connection closed)" : strerror(errno));
+            store_link_lost();
+        }
+        inst->store_rx_header_count += static_cast<size_t>(n);
+        if (inst->store_rx_header_count < TOVRIN_FRAME_HEADER)
+            return;
+
+        inst->store_rx_state = 2;
+        inst->store_rx_length = tovrin_frame_length(inst->store_rx_header);
+        // calloc leaves untouched pages unbacked, so a large announced length
+        // costs only what actually arrives.
+        inst->store_rx_buffer.reset(static_cast<char *>(calloc(inst->store_rx_length + 1, 1)));
+        if (inst->store_rx_buffer == nullptr) {
+            tovrin_log(TOVRIN_LOG_FATAL, "error allocating message");
+            store_link_lost();
+        }
+        return;
+    }
+
+    ssize_t n = read(fd, inst->store_rx_buffer.get() + inst->store_rx_count,
+                     inst->store_rx_length - inst->store_rx_count);
+    if (n < 0 && errno == EAGAIN)
+        return;
+    if (n <= 0) {
+        // A closed link or an empty body would report readiness forever;
+        // leaving here is the only way that cannot spin.
+        tovrin_log(TOVRIN_LOG_FATAL, "error reading message from stord");
+        store_link_lost();
+    }
+    inst->store_rx_count += static_cast<size_t>(n);
+    if (inst->store_rx_count < inst->store_rx_length)
+        return;
+
+    notification_dispatch(inst, inst->store_rx_buffer.get(), inst->store_rx_length);
+    inst->store_rx_buffer.reset();
+    inst->store_rx_state = 0;
+}

@@ -1,0 +1,200 @@
+#include "supervise/conn.h"
+
+#include <new>
+#include <utility>
+
+#include "daemon/log.h"
+#include "supervise/inst.h"
+#include "supervise/state.h"
+
+tovrin_conn::tovrin_conn(tovrin_inst *owner, const std::string &conn_name, int conn_type)
+    : inst(owner), name(conn_name), type(conn_type) {}
+
+std::unique_ptr<tovrin_conn> tovrin_conn_new(tovrin_inst *inst, const std::string &name, int type,
+                                             int commandtimeout, int testperiod, int testdelay,
+                                             int testtimeout, int testthreshold, int maxrestarts,
+                                             int restartdelayfactor) {
+    std::unique_ptr<tovrin_conn> conn;
+    try {
+        conn = std::make_unique<tovrin_conn>(inst, name, type);
+    } catch (const std::bad_alloc &) {
+        tovrin_log(TOVRIN_LOG_FATAL, "Could not allocate conn");
+        return nullptr;
+    }
+    conn->commandtimeout = commandtimeout;
+    conn->testperiod = testperiod;
+    conn->testdelay = testdelay;
+    conn->testtimeout = testtimeout;
+    conn->testthreshold = testthreshold;
+    conn->maxrestarts = maxrestarts;
+    conn->restartdelayfactor = restartdelayfactor;
+    // Conns are made only while a configuration is parsed, so the default
+    // mask is the one of the configuration being read.
+    if (inst != nullptr && inst->new_globals != nullptr)
+        conn->log_mask = inst->new_globals->default_log_mask;
+    return conn;
+}
+
+namespace {
+
+// A conn with the defaults every definition starts from, appended to
+// new_conns; null after logging "Could not add conn".
+tovrin_conn *conn_append_default(tovrin_inst *inst, const std::string &name, int type) {
+    std::unique_ptr<tovrin_conn> conn = tovrin_conn_new(inst, name, type, 60, 30, 30, 30, 1, -1, 0);
+    if (conn == nullptr) {
+        tovrin_log(TOVRIN_LOG_FATAL, "Could not add conn");
+        return nullptr;
+    }
+    try {
+        return inst->new_conns.push_back(std::move(conn));
+    } catch (const std::bad_alloc &) {
+        tovrin_log(TOVRIN_LOG_FATAL, "Could not add conn");
+        return nullptr;
+    }
+}
+
+// Appends name to one of a conn's link lists; logs failure with message.
+void link_add(tovrin_link_list &links, const std::string &name, const char *message) {
+    if (name.empty())
+        return;
+    try {
+        links.add(name);
+    } catch (const std::bad_alloc &) {
+        tovrin_log(TOVRIN_LOG_FATAL, "%s", message);
+    }
+}
+
+}  // namespace
+
+tovrin_conn *tovrin_conn_add_deaf(tovrin_inst *inst, const std::string &name) {
+    tovrin_conn *conn = conn_append_default(inst, name, TOVRIN_CONN);
+    if (conn == nullptr) {
+        tovrin_log(TOVRIN_LOG_FATAL, "Could not add deaf conn");
+        return nullptr;
+    }
+    conn->is_deaf = 1;
+    return conn;
+}
+
+tovrin_conn *tovrin_group_add(tovrin_inst *inst, const std::string &name, int type) {
+    tovrin_conn *group = conn_append_default(inst, name, type);
+    if (group == nullptr) {
+        tovrin_log(TOVRIN_LOG_FATAL, "Could not add group");
+        return nullptr;
+    }
+    group->failforwardperiod = 600;
+    group->failovertimeout = 300;
+    return group;
+}
+
+void tovrin_conn_add_parent(tovrin_conn *conn, const std::string &name) {
+    if (conn != nullptr)
+        link_add(conn->parents, name, "Could not allocate parent");
+}
+
+void tovrin_conn_add_child(tovrin_conn *conn, const std::string &name) {
+    if (conn != nullptr)
+        link_add(conn->children, name, "Could not allocate child");
+}
+
+void tovrin_group_add_member(tovrin_conn *conn, const std::string &name) {
+    if (conn != nullptr)
+        link_add(conn->members, name, "Could not allocate member");
+}
+
+void tovrin_conn_set_group(tovrin_conn *conn, const std::string &name) {
+    if (conn == nullptr)
+        return;
+    if (!conn->group_name.empty()) {
+        tovrin_log(TOVRIN_LOG_FATAL, "Conn %s has multiple groups specified", conn->name.c_str());
+        return;
+    }
+    try {
+        conn->group_name = name;
+    } catch (const std::bad_alloc &) {
+        tovrin_log(TOVRIN_LOG_FATAL, "Could not allocate group name");
+    }
+}
+
+tovrin_conn *tovrin_conn_find(tovrin_inst *inst, const std::string &name) {
+    if (inst == nullptr || name.empty())
+        return nullptr;
+    tovrin_conn *conn = inst->conns.find(name);
+    if (conn == nullptr)
+        tovrin_log(TOVRIN_LOG_FATAL, "couldn't find conn: %s", name.c_str());
+    return conn;
+}
+
+bool tovrin_conn_is_active(const tovrin_conn *conn) {
+    if (conn == nullptr)
+        return false;
+    int state = conn->current_state;
+    return (state >= TOVRIN_STATE_WAITING_TO_START && state <= TOVRIN_STATE_UP) ||
+           state == TOVRIN_STATE_STARTING_MEMBERS;
+}
+
+bool tovrin_conn_is_stopping(const tovrin_conn *conn) {
+    if (conn == nullptr)
+        return false;
+    switch (conn->current_state) {
+        case TOVRIN_STATE_DOWN:
+        case TOVRIN_STATE_WAITING_TO_STOP:
+        case TOVRIN_STATE_STOPPING_UP_COMMANDS:
+        case TOVRIN_STATE_STOPPING:
+        case TOVRIN_STATE_STOPPING_MEMBERS:
+            return true;
+        default:
+            return false;
+    }
+}
+
+bool tovrin_conn_group_needs_start(const tovrin_conn *conn) {
+    if (conn == nullptr || conn->group_name.empty())
+        return false;
+    tovrin_conn *group = tovrin_conn_find(conn->inst, conn->group_name);
+    if (group == nullptr) {
+        tovrin_log(TOVRIN_LOG_FATAL, "group name \"%s\" not found", conn->group_name.c_str());
+        return false;
+    }
+    switch (group->current_state) {
+        case TOVRIN_STATE_STARTING_UP_COMMANDS:
+        case TOVRIN_STATE_TESTING:
+        case TOVRIN_STATE_TESTED:
+        case TOVRIN_STATE_UP:
+        case TOVRIN_STATE_STARTING_MEMBERS:
+            return false;
+        default:
+            return true;
+    }
+}
+
+namespace {
+
+template <typename Pred>
+int count_links(tovrin_conn *conn, const tovrin_link_list &links, Pred pred) {
+    int n = 0;
+    for (const tovrin_link &link : links) {
+        tovrin_conn *other = tovrin_conn_find(conn->inst, link.name);
+        if (other != nullptr && pred(other))
+            n++;
+    }
+    return n;
+}
+
+}  // namespace
+
+int tovrin_conn_count_parents_not_up(tovrin_conn *conn) {
+    return count_links(conn, conn->parents,
+                       [](const tovrin_conn *p) { return p->current_state != TOVRIN_STATE_UP; });
+}
+
+int tovrin_conn_count_members_not_down(tovrin_conn *conn) {
+    return count_links(conn, conn->members,
+                       [](const tovrin_conn *m) { return m->current_state != TOVRIN_STATE_DOWN; });
+}
+
+int tovrin_conn_count_children_started(tovrin_conn *conn) {
+    return count_links(conn, conn->children, [](const tovrin_conn *c) {
+        return c->current_state >= TOVRIN_STATE_STARTING;
+    });
+}

@@ -1,0 +1,120 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "command/file_dep.h"
+#include "command/var.h"
+#include "daemon/event_slot.h"
+#include "supervise/action.h"
+#include "supervise/link_list.h"
+
+struct tovrin_inst;
+
+enum tovrin_conn_type {
+    TOVRIN_CONN = 0,
+    TOVRIN_ANYGROUP = 1,
+    TOVRIN_ORDEREDGROUP = 2,
+};
+
+constexpr int TOVRIN_N_VAR_LISTS = 5;
+
+using tovrin_action_list = std::vector<std::unique_ptr<tovrin_action>>;
+using tovrin_queued_action_list = std::list<std::unique_ptr<tovrin_queued_action>>;
+
+// A conn, a group (type 1 or 2) or a deaf placeholder for a name that is
+// referenced but never defined. Owned by the instance list it is in; holds
+// events, so it never moves. Relations to other conns are names only.
+struct tovrin_conn {
+    tovrin_conn(tovrin_inst *owner, const std::string &conn_name, int conn_type);
+    tovrin_conn(const tovrin_conn &) = delete;
+    tovrin_conn &operator=(const tovrin_conn &) = delete;
+
+    tovrin_inst *inst;
+    const std::string name;
+    int type;
+    int previous_state = 0;
+    int current_state = 0;
+    uint64_t log_mask = 0;
+    int testperiod = 30;
+    int testdelay = 30;
+    int testtimeout = 30;
+    int testthreshold = 1;
+    int commandtimeout = 60;
+    int failforwardperiod = 0;
+    int failovertimeout = 0;
+    int mutex = 0;
+    int failforward_ready = 0;
+    int is_deaf = 0;
+    int n_queued_stop_actions = 0;
+    int n_queued_start_actions = 0;
+    int n_queued_test_actions = 0;
+    int n_test_failures = 0;
+    int n_test_passes = 0;
+    int current_test_run_has_failure = 0;
+    int restart_after_stopping = 0;
+    int start_after_reload = 0;
+    int currently_failing_over = 0;
+    event_slot test_event;
+    event_slot failforward_event;
+    event_slot failover_event;
+    std::array<tovrin_var_list, TOVRIN_N_VAR_LISTS> vars;
+    tovrin_action_list start_actions;
+    tovrin_action_list stop_actions;
+    tovrin_action_list test_actions;
+    tovrin_action_list up_actions;
+    tovrin_link_list parents;
+    tovrin_link_list children;
+    tovrin_link_list members;
+    std::vector<tovrin_file_dep> file_deps;
+    std::string group_name;  // empty: none
+    std::string active_conn_name;
+    std::string next_active_conn_name;
+    tovrin_queued_action_list queued_actions;
+    tovrin_queued_action_list queued_up_actions;
+    int maxrestarts = -1;  // negative: no limit
+    int restartdelayfactor = 0;
+    event_slot up_action_failed_delay_event;
+};
+
+// A conn record with the given settings and the default log mask of the
+// configuration being parsed (new_globals), in no list; null after logging
+// "Could not allocate conn".
+std::unique_ptr<tovrin_conn> tovrin_conn_new(tovrin_inst *inst, const std::string &name, int type,
+                                             int commandtimeout, int testperiod, int testdelay,
+                                             int testtimeout, int testthreshold, int maxrestarts,
+                                             int restartdelayfactor);
+
+// Appends a deaf placeholder conn named name to new_conns; null after logging.
+tovrin_conn *tovrin_conn_add_deaf(tovrin_inst *inst, const std::string &name);
+
+// Appends a group of the given type to new_conns; null after logging.
+tovrin_conn *tovrin_group_add(tovrin_inst *inst, const std::string &name, int type);
+
+// Each appends name to its list unless it is already there.
+void tovrin_conn_add_parent(tovrin_conn *conn, const std::string &name);
+void tovrin_conn_add_child(tovrin_conn *conn, const std::string &name);
+void tovrin_group_add_member(tovrin_conn *conn, const std::string &name);
+
+// Records the conn's group; a second one is refused and the first kept.
+void tovrin_conn_set_group(tovrin_conn *conn, const std::string &name);
+
+// The first conn in force (never a pending one) named name; null, logged when
+// the name is not found.
+tovrin_conn *tovrin_conn_find(tovrin_inst *inst, const std::string &name);
+
+// Waiting to start through up, or starting members.
+bool tovrin_conn_is_active(const tovrin_conn *conn);
+// Down, or on the way down.
+bool tovrin_conn_is_stopping(const tovrin_conn *conn);
+// The conn has a group that is not yet far enough in starting to take it.
+bool tovrin_conn_group_needs_start(const tovrin_conn *conn);
+
+// Counting queries over links; names not found are skipped.
+int tovrin_conn_count_parents_not_up(tovrin_conn *conn);
+int tovrin_conn_count_members_not_down(tovrin_conn *conn);
+int tovrin_conn_count_children_started(tovrin_conn *conn);

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <event2/event.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <deque>
+#include <memory>
+#include <string>
+
+#include "command/var.h"
+#include "daemon/event_slot.h"
+#include "daemon/paths.h"
+#include "supervise/conn.h"
+#include "supervise/conn_list.h"
+#include "supervise/globals.h"
+#include "supervise/message.h"
+
+// Frees an event base when its owner goes.
+struct event_base_deleter {
+    void operator()(event_base *base) const { event_base_free(base); }
+};
+using event_base_ptr = std::unique_ptr<event_base, event_base_deleter>;
+
+// Frees memory that came from malloc or calloc.
+struct free_deleter {
+    void operator()(void *p) const { free(p); }
+};
+
+// One outgoing store request: the whole frame, length bytes included.
+struct tovrin_store_msg {
+    std::string frame;
+};
+
+// The one instance of the daemon, owned by main for the life of the process.
+// The base is declared first so that it is freed last, after every event of
+// every record below has been taken out of it.
+struct tovrin_inst {
+    tovrin_inst() = default;
+    tovrin_inst(const tovrin_inst &) = delete;
+    tovrin_inst &operator=(const tovrin_inst &) = delete;
+    ~tovrin_inst();
+
+    event_base_ptr base;
+    const tovrin_paths *paths = nullptr;
+
+    int store_fd = -1;
+    event_slot store_read_event;
+    event_slot store_write_event;
+    event_slot tovrin_timer;
+    event_slot sigchld_event;
+    event_slot reload_check_event;
+    event_slot config_reload_timer;
+    const char *command_key = nullptr;
+
+    // The store frame being read.
+    int store_rx_state = 0;
+    unsigned char store_rx_header[4] = {0, 0, 0, 0};
+    size_t store_rx_header_count = 0;
+    std::unique_ptr<char, free_deleter> store_rx_buffer;  // length + 1 bytes, zero-filled
+    size_t store_rx_length = 0;
+    size_t store_rx_count = 0;
+    int store_tx_state = 0;
+
+    std::unique_ptr<tovrin_globals> globals;
+    std::unique_ptr<tovrin_globals> new_globals;
+    tovrin_var_sub_list store_vars;
+    std::deque<tovrin_store_msg> store_out_queue;
+    tovrin_conn_list conns;
+    tovrin_conn_list new_conns;
+    std::deque<tovrin_msg> message_queue;
+    event_slot dispatch_event;
+    bool reloading_config = false;
+};
+
+// The key through which the store hands the daemon its control commands.
+extern const char tovrin_command_key[];
+
+// Creates the event base and fills inst: store events, timers, the dispatch
+// event, the command-key subscription and default settings. Returns the
+// base, or null (inst untouched) when no base can be created, or null when
+// the settings cannot be allocated.
+event_base *tovrin_inst_init(int store_fd, tovrin_inst *inst);

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <event2/util.h>
+
+struct tovrin_inst;
+struct tovrin_conn;
+
+// Queues a message from src (null: the daemon) to dst and wakes the
+// dispatcher. Handlers never run inside a delivery.
+void tovrin_conn_deliver_message(tovrin_inst *inst, tovrin_conn *src, tovrin_conn *dst, int type);
+
+// Callback of dispatch_event: drains the whole queue, including what the
+// handlers deliver meanwhile. arg is the instance.
+void tovrin_dispatch_messages(evutil_socket_t fd, short events, void *arg);

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "daemon/log.h"
+
+struct log_record {
+    int priority;
+    std::string message;
+
+    bool operator==(const log_record &other) const {
+        return priority == other.priority && message == other.message;
+    }
+};
+
+inline std::ostream &operator<<(std::ostream &out, const log_record &record) {
+    return out << record.priority << " \"" << record.message << "\"";
+}
+
+// Routes tovrin_log into memory for as long as it lives, so tests can assert
+// messages and priorities byte for byte.
+class log_capture {
+  public:
+    log_capture();
+    log_capture(const log_capture &) = delete;
+    log_capture &operator=(const log_capture &) = delete;
+
+    const std::vector<log_record> &records() const { return records_; }
+    std::vector<std::string> messages() const;
+    // How many records carry exactly this priority and message.
+    int count(int priority, const std::string &message) const;
+    bool contains(int priority, const std::string &message) const {
+        return count(priority, message) > 0;
+    }
+    void clear() { records_.clear(); }
+
+  private:
+    std::vector<log_record> records_;
+    tovrin_log_setup setup_;
+};
