@@ -28,8 +28,9 @@ stord_harness::stord_harness(const std::string &socket_path, const std::string &
     // be taken for this one's.
     std::string stdout_path = journal_path_ + ".stdout";
     ::unlink(stdout_path.c_str());
-    process_ = child_process::start({TOVRIN_STORD_BIN, socket_path_, "--journal", journal_path_},
-                                    stdout_path, journal_path_ + ".stderr");
+    process_ = child_process::start(
+        {TOVRIN_STORD_BIN, "--socket", socket_path_, "--journal", journal_path_}, stdout_path,
+        journal_path_ + ".stderr");
 
     // stord prints this line only after listen(), so connections made from
     // now on are queued even before the first accept.

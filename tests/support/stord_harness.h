@@ -9,18 +9,19 @@
 #include "support/child_process.h"
 
 // A real stord on a private socket, for end-to-end tests. It journals every
-// request it receives (see stord --journal), so a test can check what a
-// client sent and in which order. Journal lines start with the connection
-// number; the harness makes no connection of its own while starting, so the
-// first client a test connects is connection 1, and every get, set and
-// wait_value below opens a connection of its own and takes the next number.
+// frame it receives, refused ones included (see stord --journal), so a test
+// can check what a client sent and in which order. Journal lines start with
+// the connection number; the harness makes no connection of its own while
+// starting, so the first client a test connects is connection 1, and every
+// get, set and wait_value below opens a connection of its own and takes the
+// next number.
 class stord_harness {
   public:
-    // Starts TOVRIN_STORD_BIN on socket_path with --journal journal_path
-    // (stdout into journal_path + ".stdout", stderr into journal_path +
-    // ".stderr") and returns once the socket accepts connections. Fails the
-    // test with ADD_FAILURE and throws std::runtime_error when that does not
-    // happen within 10 s.
+    // Starts TOVRIN_STORD_BIN with --socket socket_path --journal
+    // journal_path (stdout into journal_path + ".stdout", stderr into
+    // journal_path + ".stderr") and returns once the socket accepts
+    // connections. Fails the test with ADD_FAILURE and throws
+    // std::runtime_error when that does not happen within 10 s.
     stord_harness(const std::string &socket_path, const std::string &journal_path);
     // stop() if still running.
     ~stord_harness();

@@ -123,6 +123,18 @@ TEST(stord_frame, reader_handles_damaged_and_partial_streams) {
          {set_body},
          r::oversized,
          4},
+        {"the real limit waits for the body",
+         header(0, 0x10, 0, 0),
+         stord_frame_max_body,
+         {},
+         r::incomplete,
+         4},
+        {"one over the real limit",
+         header(0, 0x10, 0, 1),
+         stord_frame_max_body,
+         {},
+         r::oversized,
+         4},
         {"all length bits set",
          header(0xff, 0xff, 0xff, 0xff),
          stord_frame_max_body,
@@ -193,6 +205,25 @@ TEST(stord_frame, join_then_split_round_trips) {
     auto split = stord_frame_split(body, 4);
     EXPECT_EQ(std::vector<std::string>(split.begin(), split.end()), fields);
     EXPECT_EQ(stord_frame_join({}), "");
+}
+
+TEST(stord_frame, escape_names_the_bytes_that_would_break_a_line) {
+    struct {
+        std::string text;
+        std::string escaped;
+    } cases[] = {
+        {"", ""},
+        {"plain text, kept as is", "plain text, kept as is"},
+        {"a" + RS + "b", "a<RS>b"},
+        {RS + RS, "<RS><RS>"},
+        {"line\r\nnext\n", "line<CR><LF>next<LF>"},
+        {"<RS> already", "<RS> already"},
+        {"tab\tand\0nul"s, "tab\tand\0nul"s},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.escaped);
+        EXPECT_EQ(stord_frame_escape(c.text), c.escaped);
+    }
 }
 
 TEST(stord_frame, parse_uint_accepts_plain_digits_only) {

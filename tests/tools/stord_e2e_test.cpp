@@ -1,5 +1,5 @@
 // stord run as a real process on a private socket, driven through the
-// blocking client and raw bytes.
+// blocking client and raw bytes: what each request does, and the journal.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -10,7 +10,6 @@
 
 #include "stord/client.h"
 #include "stord/frame.h"
-#include "support/child_process.h"
 #include "support/stord_harness.h"
 #include "support/temp_dir.h"
 
@@ -42,6 +41,15 @@ strings drain(stord_client &client) {
     while (auto n = client.next_notification(0ms))
         values.push_back(n->second);
     return values;
+}
+
+// The same with the keys the notifications named.
+strings drain_keys(stord_client &client) {
+    client.sync();
+    strings keys;
+    while (auto n = client.next_notification(0ms))
+        keys.push_back(n->first);
+    return keys;
 }
 
 TEST_F(stord_e2e, set_get_dump_and_delete) {
@@ -81,6 +89,14 @@ TEST_F(stord_e2e, replies_are_exact) {
               "23" + RS + "empty" + RS + RS + "k" + RS + "v" + RS + "w" + RS + "z" + RS + "last");
     EXPECT_EQ(ask("24"), "25");
     EXPECT_EQ(ask("26" + RS + "k"), "27" + RS + "k" + RS + "0");
+    // A pattern watch has no reply: the next frame is the sync's.
+    c.send_raw(stord_frame_encode("28" + RS + "*"));
+    EXPECT_EQ(ask("24"), "25");
+    // Nor does the notification it causes differ from a subscriber's.
+    c.set("k", "x", 3);
+    auto n = c.next_frame(patience);
+    ASSERT_TRUE(n);
+    EXPECT_EQ(*n, "8" + RS + "k" + RS + "3" + RS + "4" + RS + "x");
 }
 
 TEST_F(stord_e2e, subscriber_learns_the_current_value_then_every_set) {
@@ -183,96 +199,80 @@ TEST_F(stord_e2e, a_disconnect_drops_only_that_clients_subscriptions) {
     EXPECT_EQ(drain(stay), strings{"v"});
 }
 
-TEST_F(stord_e2e, malformed_requests_are_reported_and_change_nothing) {
-    auto bad = connect();  // connection 1
-    auto other = connect();
-    other.subscribe("k");
-    other.set("k", "kept");
-    other.sync();
+TEST_F(stord_e2e, a_pattern_watch_hears_every_set_of_a_matching_key) {
+    using keys = std::vector<std::pair<std::string, bool>>;  // key, matches
     struct {
-        std::string body;
-        std::string line;  // what stord writes on stderr
+        std::string pattern;
+        keys sets;
     } cases[] = {
-        {"", "non-numeric type: \"\""},
-        {"x" + RS + "k", "non-numeric type: \"x<RS>k\""},
-        {"-1" + RS + "k", "non-numeric type: \"-1<RS>k\""},
-        {"77" + RS + "k", "unknown type 77: \"77<RS>k\""},
-        {"8" + RS + "k" + RS + "1" + RS + "1" + RS + "v",
-         "unknown type 8: \"8<RS>k<RS>1<RS>1<RS>v\""},
-        {"1", "missing fields: \"1\""},
-        {"1" + RS + "k", "missing fields: \"1<RS>k\""},
-        {"1" + RS + "k" + RS + "1", "missing fields: \"1<RS>k<RS>1\""},
-        {"2" + RS + "tovrin", "missing fields: \"2<RS>tovrin\""},
-        {"9", "missing fields: \"9\""},
-        {"20", "missing fields: \"20\""},
-        {"9" + RS + "k" + RS + "extra", "too many fields: \"9<RS>k<RS>extra\""},
-        {"3" + RS + "a" + RS + "k" + RS + "c", "too many fields: \"3<RS>a<RS>k<RS>c\""},
-        {"1" + RS + RS + "1" + RS + "v", "empty key: \"1<RS><RS>1<RS>v\""},
-        {"2" + RS + "tovrin" + RS, "empty key: \"2<RS>tovrin<RS>\""},
-        {"1" + RS + "k" + RS + "up" + RS + "v", "non-numeric flag: \"1<RS>k<RS>up<RS>v\""},
-        {"1" + RS + "k" + RS + RS + "v", "non-numeric flag: \"1<RS>k<RS><RS>v\""},
-        {"5\r\n" + std::string(150, 'a'),
-         "non-numeric type: \"5<CR><LF>" + std::string(97, 'a') + "...\""},
+        {"tovrin.*.status",
+         {{"tovrin.wan.status", true},
+          {"tovrin.wan.status.x", false},
+          {"tovrin.lan.status", true},
+          {"tovrin.status", false},
+          {"xtovrin.wan.status", false},
+          {"tovrin.wan.sub.status", true},
+          {"tovrin..status", true}}},
+        {"tovrin.?an.status",
+         {{"tovrin.wan.status", true}, {"tovrin.wwan.status", false}, {"tovrin.an.status", false}}},
+        {"[cd]*", {{"config.tovrin.command", true}, {"e.c", false}, {"d", true}}},
+        {"exact.key", {{"exact.key", true}, {"exact.keys", false}, {"exact_key", false}}},
+        {"a\\*b", {{"axb", false}, {"a*b", true}}},
+        // No flags: a star crosses slashes and takes leading dots.
+        {"*", {{"a/b", true}, {".hidden", true}}},
     };
-    std::string expected_stderr;
+    auto writer = connect("writer");
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.line);
-        bad.send_raw(stord_frame_encode(c.body));
-        bad.sync();
-        expected_stderr += "stord: connection 1: ignored request: " + c.line + "\n";
-        EXPECT_EQ(store.stderr_text(), expected_stderr);
+        SCOPED_TRACE(c.pattern);
+        auto watcher = connect("watcher");
+        watcher.watch_pattern(c.pattern);
+        watcher.sync();
+        strings expected;
+        for (const auto &[key, matches] : c.sets) {
+            writer.set(key, "v");
+            if (matches)
+                expected.push_back(key);
+        }
+        writer.sync();
+        EXPECT_EQ(drain_keys(watcher), expected);
     }
-    EXPECT_EQ(bad.get("k"), "kept");
-    EXPECT_EQ(bad.dump(), (std::map<std::string, std::string>{{"k", "kept"}}));
-    EXPECT_EQ(bad.count_subscriptions("k"), 1);
-    EXPECT_EQ(drain(other), strings{"kept"});
-    EXPECT_EQ(store.journal(), (strings{"2 subscribe test k", "2 set k 1 kept"}));
 }
 
-TEST_F(stord_e2e, an_oversized_length_drops_that_client_only) {
-    auto other = connect();
-    other.subscribe("k");
-    other.sync();
-    auto bad = connect();  // connection 2
-    bad.send_raw(std::string("\x01\x00\x00\x01", 4) + "abc");
-    EXPECT_TRUE(bad.wait_closed(patience));
-    EXPECT_EQ(store.stderr_text(),
-              "stord: connection 2: dropped: announced body longer than 16 MiB\n");
+TEST_F(stord_e2e, a_pattern_watch_sends_one_notification_per_set_and_no_current_values) {
+    auto writer = connect("writer");
+    auto watcher = connect("watcher");
+    auto bystander = connect("bystander");
+    writer.set("tovrin.wan.status", "before");
+    writer.sync();
 
-    // A body of exactly the limit is still read and answered.
-    std::string big = "77" + RS;
-    big.resize(stord_frame_max_body, 'x');
-    other.send_raw(stord_frame_encode(big));
-    other.set("k", "after");
-    EXPECT_EQ(drain(other), strings{"after"});
-    EXPECT_NE(store.stderr_text().find("stord: connection 1: ignored request: unknown type 77"),
-              std::string::npos);
-}
+    // Two patterns matching the same key still make one notification per
+    // set, and the value already there is not sent.
+    watcher.watch_pattern("tovrin.*");
+    watcher.watch_pattern("*.status");
+    watcher.watch_pattern("tovrin.*");
+    EXPECT_EQ(drain(watcher), strings{});
+    writer.set("tovrin.wan.status", "up", 2);
+    auto n = watcher.next_notification_record(patience);
+    ASSERT_TRUE(n);
+    EXPECT_EQ(n->key, "tovrin.wan.status");
+    EXPECT_EQ(n->value, "up");
+    EXPECT_EQ(n->flag, 2);
+    EXPECT_EQ(n->seq, 2u);
+    EXPECT_EQ(drain(watcher), strings{});
 
-TEST_F(stord_e2e, frames_arriving_a_byte_at_a_time_are_assembled) {
-    auto c = connect();
-    // Proves that waiting for the store to drain a byte means it read it:
-    // with the store stopped, a written byte stays queued.
-    ASSERT_EQ(::kill(store.pid(), SIGSTOP), 0);
-    c.send_raw(stord_frame_encode("").substr(0, 1));
-    EXPECT_FALSE(c.wait_drained(50ms));
-    ASSERT_EQ(::kill(store.pid(), SIGCONT), 0);
-    ASSERT_TRUE(c.wait_drained(patience));
+    // A subscription to the key adds its own notification; a delete sends
+    // none.
+    watcher.subscribe("tovrin.wan.status");
+    EXPECT_EQ(drain(watcher), strings{"up"});
+    writer.set("tovrin.wan.status", "down");
+    writer.del("tovrin.wan.status");
+    writer.sync();
+    EXPECT_EQ(drain(watcher), (strings{"down", "down"}));
 
-    std::string stream = stord_frame_encode("").substr(1) +
-                         stord_frame_encode(stord_frame_join({"1", "k", "2", "a" + RS + "b"})) +
-                         stord_frame_encode("20" + RS + "k");
-    for (char byte : stream) {
-        c.send_raw(std::string(1, byte));
-        ASSERT_TRUE(c.wait_drained(patience));
-    }
-    auto reply = c.next_frame(patience);
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(*reply, "21" + RS + "k" + RS + "1" + RS + "a" + RS + "b");
-    // The empty frame the stream began with is the one malformed request.
-    EXPECT_EQ(store.stderr_text(),
-              "stord: connection 1: ignored request: non-numeric type: \"\"\n");
-    EXPECT_EQ(store.journal(), strings{"1 set k 2 a<RS>b"});
+    // The watch belongs to its connection alone, and holds no
+    // subscription.
+    EXPECT_EQ(drain(bystander), strings{});
+    EXPECT_EQ(writer.count_subscriptions("tovrin.wan.status"), 1);
 }
 
 TEST_F(stord_e2e, journal_records_requests_in_order_with_exact_text) {
@@ -286,17 +286,28 @@ TEST_F(stord_e2e, journal_records_requests_in_order_with_exact_text) {
     daemon.get("x");
     daemon.dump();
     daemon.count_subscriptions("x");
+    daemon.watch_pattern("tovrin.*\n");
     daemon.unsubscribe("config.tovrin.command");
     daemon.del("tovrin.wan.status");
     daemon.sync();
+    tool.send_raw(stord_frame_encode("77" + RS + "k"));
+    EXPECT_TRUE(tool.wait_closed(patience));
     EXPECT_EQ(store.journal(), (strings{
                                    "1 set tovrin.wan.status 2 waiting to start",
                                    "1 subscribe tovrin config.tovrin.command",
+                                   "1 sync",
                                    "2 set x 1 a<RS>b<LF>c<CR>d",
+                                   "2 sync",
+                                   "1 get x",
+                                   "1 dump",
+                                   "1 count x",
+                                   "1 watch tovrin.*<LF>",
                                    "1 unsubscribe tovrin config.tovrin.command",
                                    "1 delete tovrin.wan.status",
+                                   "1 sync",
+                                   "2 rejected unknown type 77",
                                }));
-    EXPECT_EQ(store.stderr_text(), "");
+    EXPECT_EQ(store.stderr_text(), "stord: connection 2: dropped: unknown type 77: \"77<RS>k\"\n");
 }
 
 TEST_F(stord_e2e, harness_helpers_see_what_clients_do) {
@@ -304,97 +315,14 @@ TEST_F(stord_e2e, harness_helpers_see_what_clients_do) {
     EXPECT_EQ(store.get("k"), "v");
     EXPECT_TRUE(store.wait_value("k", "v", patience));
     EXPECT_FALSE(store.wait_value("k", "other", 50ms));
+    // Each helper call is a connection of its own.
     EXPECT_TRUE(store.wait_journal(
-        [](const strings &lines) { return !lines.empty() && lines[0] == "1 set k 2 v"; },
-        patience));
-}
-
-TEST(stord_process, exits_cleanly_on_sigterm_and_sigint_and_removes_its_socket) {
-    for (int sig : {SIGTERM, SIGINT}) {
-        SCOPED_TRACE(sig);
-        temp_dir dir;
-        child_process stord = child_process::start({TOVRIN_STORD_BIN, dir.file("s")},
-                                                   dir.file("out"), dir.file("err"));
-        ASSERT_TRUE(wait_until([&] { return dir.exists("s"); }, patience));
-        ASSERT_TRUE(wait_until([&] { return !dir.read_file("out").empty(); }, patience));
-        EXPECT_EQ(dir.read_file("out"), "stord: listening on " + dir.file("s") + "\n");
-
-        // Leave state behind for the clean-up to free: a value, a
-        // subscription and half a frame.
-        stord_client c(dir.file("s"));
-        c.set("k", "v");
-        c.subscribe("k");
-        c.sync();
-        c.send_raw(stord_frame_encode("1" + RS + "k").substr(0, 5));
-        ASSERT_TRUE(c.wait_drained(patience));
-
-        stord.kill(sig);
-        EXPECT_EQ(stord.wait_exit(patience), 0) << dir.read_file("err");
-        EXPECT_FALSE(dir.exists("s"));
-        EXPECT_TRUE(c.wait_closed(patience));
-    }
-}
-
-TEST(stord_process, start_up_failures_exit_with_a_message) {
-    temp_dir dir;
-    dir.write_file("plain", "not a socket");
-    struct {
-        std::vector<std::string> args;
-        int status;
-        std::string message;
-    } cases[] = {
-        {{}, 2, "usage: stord SOCKET_PATH [--journal FILE]\n"},
-        {{dir.file("s"), "--journal"}, 2, "usage: stord SOCKET_PATH [--journal FILE]\n"},
-        {{dir.file("s"), "--verbose"}, 2, "usage: stord SOCKET_PATH [--journal FILE]\n"},
-        {{dir.file("s"), dir.file("t")}, 2, "usage: stord SOCKET_PATH [--journal FILE]\n"},
-        {{dir.file("missing/s")},
-         1,
-         "stord: cannot bind " + dir.file("missing/s") + ": No such file or directory\n"},
-        {{dir.file("plain")},
-         1,
-         "stord: cannot bind " + dir.file("plain") + ": Address already in use\n"},
-        {{dir.file("s"), "--journal", dir.file("missing/j")},
-         1,
-         "stord: cannot open journal " + dir.file("missing/j") + ": No such file or directory\n"},
-        {{std::string(200, 'x')},
-         1,
-         "stord: socket path is empty or too long: " + std::string(200, 'x') + "\n"},
-    };
-    int run = 0;
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.message);
-        std::vector<std::string> argv{TOVRIN_STORD_BIN};
-        argv.insert(argv.end(), c.args.begin(), c.args.end());
-        std::string err = "err" + std::to_string(run++);
-        child_process stord = child_process::start(argv, dir.file("out"), dir.file(err));
-        EXPECT_EQ(stord.wait_exit(patience), c.status);
-        EXPECT_EQ(dir.read_file(err), c.message);
-    }
-    EXPECT_EQ(dir.read_file("out"), "");
-    EXPECT_EQ(dir.read_file("plain"), "not a socket");
-    EXPECT_FALSE(dir.exists("s"));
-}
-
-TEST(stord_process, a_stale_socket_file_is_replaced_and_a_live_one_is_not) {
-    temp_dir dir;
-    {
-        stord_harness first(dir.file("s"), dir.file("j1"));
-        first.set("k", "old");
-        first.kill();
-        EXPECT_FALSE(first.running());
-    }
-    ASSERT_TRUE(dir.exists("s"));
-    stord_harness second(dir.file("s"), dir.file("j2"));
-    EXPECT_EQ(second.get("k"), std::nullopt);
-    second.set("k", "new");
-
-    // A socket someone answers on is not stale: a third store backs off.
-    child_process third =
-        child_process::start({TOVRIN_STORD_BIN, dir.file("s")}, dir.file("out3"), dir.file("err3"));
-    EXPECT_EQ(third.wait_exit(patience), 1);
-    EXPECT_EQ(dir.read_file("err3"),
-              "stord: another store is listening on " + dir.file("s") + "\n");
-    EXPECT_EQ(second.get("k"), "new");
+        [](const strings &lines) {
+            return lines == strings{"1 set k 2 v", "1 sync", "2 get k",
+                                    "3 subscribe stord_client k", "4 subscribe stord_client k"};
+        },
+        patience))
+        << testing::PrintToString(store.journal());
 }
 
 }  // namespace

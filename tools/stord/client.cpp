@@ -36,7 +36,7 @@ stord_client::stord_client(const std::string &socket_path, std::string client_na
     if (!fd_)
         throw_errno("socket");
     if (::connect(fd_.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
-        throw_errno("connect to " + socket_path);
+        throw_errno("cannot connect to stord at " + socket_path);
 }
 
 void stord_client::set(const std::string &key, const std::string &value, int flag) {
@@ -53,6 +53,10 @@ void stord_client::subscribe(const std::string &key) {
 
 void stord_client::unsubscribe(const std::string &key) {
     send_body(stord_frame_join({std::to_string(stord_type_unsubscribe), name_, key}));
+}
+
+void stord_client::watch_pattern(const std::string &pattern) {
+    send_body(stord_frame_join({std::to_string(stord_type_watch_pattern), pattern}));
 }
 
 void stord_client::sync() {
@@ -150,6 +154,8 @@ bool stord_client::wait_closed(std::chrono::milliseconds timeout) {
         while (read_frame(deadline)) {
         }
     } catch (const std::runtime_error &) {
+        if (!closed_)
+            throw;
         return true;
     }
     return false;
@@ -199,10 +205,14 @@ std::optional<std::string> stord_client::read_frame(clock::time_point deadline) 
         ssize_t n = ::recv(fd_.get(), buf, sizeof buf, MSG_DONTWAIT);
         if (n < 0 && (errno == EINTR || errno == EAGAIN))
             continue;
+        // A reset is how a close reaches us when the store dropped us with
+        // some of our requests still unread.
+        if (n == 0 || (n < 0 && errno == ECONNRESET)) {
+            closed_ = true;
+            throw std::runtime_error("stord closed the connection");
+        }
         if (n < 0)
             throw_errno("read from stord");
-        if (n == 0)
-            throw std::runtime_error("stord closed the connection");
         reader_.feed(std::string_view(buf, static_cast<std::size_t>(n)));
     }
 }

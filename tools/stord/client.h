@@ -10,13 +10,13 @@
 #include "stord/frame.h"
 #include "stord/stord_fd.h"
 
-// A blocking connection to stord, for stordctl and the tests. Requests that
-// have no reply (set, del, subscribe, unsubscribe) return once written; the
-// store applies a connection's requests in order, so sync() or any request
-// with a reply proves the earlier ones took effect. Notifications that arrive
-// while a reply is awaited are kept for next_notification(). Every failure
-// (connect, write, a closed connection, a reply that never comes) throws
-// std::runtime_error.
+// A blocking connection to stord, for storectl and the tests. Requests that
+// have no reply (set, del, subscribe, unsubscribe, watch_pattern) return once
+// written; the store applies a connection's requests in order, so sync() or
+// any request with a reply proves the earlier ones took effect. Notifications
+// that arrive while a reply is awaited are kept for next_notification(). Every
+// failure (connect, write, a closed connection, a reply that never comes)
+// throws std::runtime_error.
 class stord_client {
   public:
     // Connects to the store's socket; throws std::runtime_error on failure.
@@ -27,6 +27,9 @@ class stord_client {
     void del(const std::string &key);
     void subscribe(const std::string &key);
     void unsubscribe(const std::string &key);
+    // Asks for a notification of every later set of a key matching the
+    // fnmatch pattern, for the life of the connection (tool-only request 28).
+    void watch_pattern(const std::string &pattern);
 
     // Returns once the store has applied every request sent before.
     void sync();
@@ -49,14 +52,21 @@ class stord_client {
     // after timeout.
     std::optional<std::string> next_frame(std::chrono::milliseconds timeout);
     // True once the store has closed this connection (frames still arriving
-    // are discarded), false after timeout.
+    // are discarded), false after timeout. Other failures still throw.
     bool wait_closed(std::chrono::milliseconds timeout);
+    // True once a read found the connection closed by the store.
+    bool closed() const { return closed_; }
     // True once the store has read every byte written so far, false after
     // timeout. Lets a test cut a frame into separately received pieces.
     bool wait_drained(std::chrono::milliseconds timeout);
 
     // How long a request with a reply may take before it throws.
     void set_reply_timeout(std::chrono::milliseconds timeout) { reply_timeout_ = timeout; }
+
+    // The socket, for polling it alongside other descriptors; owned by the
+    // client. Readable does not mean a whole frame is in: after a poll,
+    // read with a zero timeout.
+    int socket_fd() const { return fd_.get(); }
 
   private:
     using clock = std::chrono::steady_clock;
@@ -70,7 +80,8 @@ class stord_client {
 
     stord_fd fd_;
     std::string name_;
-    stord_frame_reader reader_;
+    stord_frame_reader reader_{stord_frame_max_reply_body};
     std::deque<std::string> kept_;  // notification bodies not yet returned
     std::chrono::milliseconds reply_timeout_{10000};
+    bool closed_ = false;
 };

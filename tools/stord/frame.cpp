@@ -46,6 +46,22 @@ std::vector<std::string_view> stord_frame_split(std::string_view body, std::size
     }
 }
 
+std::string stord_frame_escape(std::string_view text) {
+    std::string escaped;
+    escaped.reserve(text.size());
+    for (char c : text) {
+        if (c == stord_frame_sep)
+            escaped += "<RS>";
+        else if (c == '\r')
+            escaped += "<CR>";
+        else if (c == '\n')
+            escaped += "<LF>";
+        else
+            escaped.push_back(c);
+    }
+    return escaped;
+}
+
 std::optional<int> stord_frame_parse_uint(std::string_view field) {
     if (field.empty() || field.size() > 9)
         return std::nullopt;

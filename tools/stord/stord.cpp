@@ -1,7 +1,7 @@
 // stord: a small key-value store with subscriptions on a Unix stream socket,
 // standing in for the appliance's store daemon in tests and development.
 //
-//   stord SOCKET_PATH [--journal FILE]
+//   stord [--socket PATH] [--journal FILE]
 
 #include <event2/event.h>
 #include <signal.h>
@@ -16,7 +16,9 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "stord/frame.h"
@@ -78,6 +80,12 @@ class stord_server {
 
     void conn_read(stord_conn *conn);
     void conn_write(stord_conn *conn);
+    // The peer went away: quietly, unless it left a frame half sent.
+    void conn_gone(stord_conn *conn);
+    // Journals and logs why a frame from conn was refused, with the start of
+    // its body when there is one, and drops conn.
+    void conn_reject(stord_conn *conn, const std::string &reason,
+                     std::optional<std::string_view> body);
     void conn_drop(stord_conn *conn, const char *why);
     // Queues the frames a request caused; false when conn itself had to be
     // dropped on the way.
@@ -210,11 +218,15 @@ void stord_server::conn_read(stord_conn *conn) {
     if (n < 0) {
         if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)
             return;
-        conn_drop(conn, std::strerror(errno));
+        // A reset only says the peer closed before reading all we sent.
+        if (errno == ECONNRESET)
+            conn_gone(conn);
+        else
+            conn_drop(conn, std::strerror(errno));
         return;
     }
     if (n == 0) {
-        conn_drop(conn, nullptr);
+        conn_gone(conn);
         return;
     }
     conn->reader.feed(std::string_view(buf, static_cast<std::size_t>(n)));
@@ -226,11 +238,17 @@ void stord_server::conn_read(stord_conn *conn) {
         if (result == stord_frame_reader::result::incomplete)
             return;
         if (result == stord_frame_reader::result::oversized) {
-            conn_drop(conn, "announced body longer than 16 MiB");
+            conn_reject(conn,
+                        "announced body longer than " +
+                            std::to_string(stord_frame_max_body / (1024 * 1024)) + " MiB",
+                        std::nullopt);
             return;
         }
         frames.clear();
-        store_.handle(conn->id, body, frames);
+        if (auto refused = store_.handle(conn->id, body, frames)) {
+            conn_reject(conn, *refused, body);
+            return;
+        }
         if (!deliver(conn, frames))
             return;
     }
@@ -272,7 +290,10 @@ void stord_server::conn_write(stord_conn *conn) {
         if (n < 0) {
             if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)
                 return;
-            conn_drop(conn, std::strerror(errno));
+            if (errno == EPIPE || errno == ECONNRESET)
+                conn_gone(conn);
+            else
+                conn_drop(conn, std::strerror(errno));
             return;
         }
         conn->out_done += static_cast<std::size_t>(n);
@@ -288,6 +309,31 @@ void stord_server::conn_write(stord_conn *conn) {
     }
 }
 
+void stord_server::conn_gone(stord_conn *conn) {
+    std::size_t partial = conn->reader.buffered();
+    if (partial == 0)
+        conn_drop(conn, nullptr);
+    else
+        conn_reject(conn,
+                    "disconnected in the middle of a frame (" + std::to_string(partial) +
+                        " bytes received)",
+                    std::nullopt);
+}
+
+void stord_server::conn_reject(stord_conn *conn, const std::string &reason,
+                               std::optional<std::string_view> body) {
+    store_.journal_rejected(conn->id, reason);
+    std::string why = reason;
+    if (body) {
+        constexpr std::size_t shown = 100;
+        why += ": \"" + stord_frame_escape(body->substr(0, shown));
+        if (body->size() > shown)
+            why += "...";
+        why += "\"";
+    }
+    conn_drop(conn, why.c_str());
+}
+
 void stord_server::conn_drop(stord_conn *conn, const char *why) {
     if (why != nullptr)
         std::fprintf(stderr, "stord: connection %llu: dropped: %s\n",
@@ -299,35 +345,34 @@ void stord_server::conn_drop(stord_conn *conn, const char *why) {
 }
 
 int usage() {
-    std::fprintf(stderr, "usage: stord SOCKET_PATH [--journal FILE]\n");
+    std::fprintf(stderr, "usage: stord [--socket PATH] [--journal FILE]\n");
     return 2;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-    std::string socket_path;
-    std::string journal_path;
+    std::optional<std::string> socket_path;
+    std::optional<std::string> journal_path;
     for (int i = 1; i < argc; i++) {
         std::string arg = argv[i];
-        if (arg == "--journal") {
-            if (i + 1 >= argc)
-                return usage();
-            journal_path = argv[++i];
-        } else if (socket_path.empty() && !arg.empty() && arg[0] != '-') {
-            socket_path = arg;
-        } else {
+        std::optional<std::string> *target = arg == "--socket"    ? &socket_path
+                                             : arg == "--journal" ? &journal_path
+                                                                  : nullptr;
+        // Each option once: a second one is more likely a slip than an
+        // override.
+        if (target == nullptr || target->has_value() || i + 1 >= argc)
             return usage();
-        }
+        *target = argv[++i];
     }
-    if (socket_path.empty())
-        return usage();
+    if (!socket_path)
+        socket_path = stord_default_socket;
 
     file_ptr journal;
-    if (!journal_path.empty()) {
-        journal.reset(std::fopen(journal_path.c_str(), "w"));
+    if (journal_path) {
+        journal.reset(std::fopen(journal_path->c_str(), "w"));
         if (!journal) {
-            std::fprintf(stderr, "stord: cannot open journal %s: %s\n", journal_path.c_str(),
+            std::fprintf(stderr, "stord: cannot open journal %s: %s\n", journal_path->c_str(),
                          std::strerror(errno));
             return 1;
         }
@@ -335,9 +380,9 @@ int main(int argc, char **argv) {
 
     // Declared after the journal it writes to, so it is destroyed first.
     stord_server server(journal.get());
-    if (server.listen_on(socket_path) != 0)
+    if (server.listen_on(*socket_path) != 0)
         return 1;
-    std::printf("stord: listening on %s\n", socket_path.c_str());
+    std::printf("stord: listening on %s\n", socket_path->c_str());
     std::fflush(stdout);
     if (server.run() != 0) {
         std::fprintf(stderr, "stord: event loop failed\n");

@@ -1,37 +1,13 @@
 #include "stord/store.h"
 
+#include <fnmatch.h>
+
+#include <algorithm>
 #include <charconv>
 
 #include "stord/frame.h"
 
 namespace {
-
-// Journal and diagnostics are line-based, so the bytes that would break a
-// line (or hide a field boundary) are written as names.
-std::string escape_text(std::string_view text) {
-    std::string escaped;
-    escaped.reserve(text.size());
-    for (char c : text) {
-        if (c == stord_frame_sep)
-            escaped += "<RS>";
-        else if (c == '\r')
-            escaped += "<CR>";
-        else if (c == '\n')
-            escaped += "<LF>";
-        else
-            escaped.push_back(c);
-    }
-    return escaped;
-}
-
-void report_ignored(std::uint64_t conn, std::string_view body, const std::string &reason) {
-    constexpr std::size_t shown = 100;
-    std::string text = escape_text(body.substr(0, shown));
-    if (body.size() > shown)
-        text += "...";
-    std::fprintf(stderr, "stord: connection %llu: ignored request: %s: \"%s\"\n",
-                 static_cast<unsigned long long>(conn), reason.c_str(), text.c_str());
-}
 
 bool is_int(std::string_view s) {
     int value = 0;
@@ -46,15 +22,20 @@ std::string notification_frame(std::string_view key, std::string_view flag, std:
                           std::to_string(seq), std::string(value)}));
 }
 
+bool holds_nul(std::string_view s) {
+    return s.find('\0') != std::string_view::npos;
+}
+
 }  // namespace
 
-void stord_store::handle(std::uint64_t conn, std::string_view body, std::vector<outgoing> &out) {
+std::optional<std::string> stord_store::handle(std::uint64_t conn, std::string_view body,
+                                               std::vector<outgoing> &out) {
+    auto refuse = [](std::string reason) { return std::optional<std::string>(std::move(reason)); };
+
     auto fields = stord_frame_split(body);
     auto type = stord_frame_parse_uint(fields[0]);
-    if (!type) {
-        report_ignored(conn, body, "non-numeric type");
-        return;
-    }
+    if (!type)
+        return refuse("non-numeric type");
 
     std::size_t want = 0;  // field count, the type included
     std::size_t key_at = 1;
@@ -72,6 +53,7 @@ void stord_store::handle(std::uint64_t conn, std::string_view body, std::vector<
         case stord_type_delete:
         case stord_type_get:
         case stord_type_count:
+        case stord_type_watch_pattern:
             want = 2;
             break;
         case stord_type_dump:
@@ -80,29 +62,20 @@ void stord_store::handle(std::uint64_t conn, std::string_view body, std::vector<
             key_at = 0;
             break;
         default:
-            report_ignored(conn, body, "unknown type " + std::to_string(*type));
-            return;
+            return refuse("unknown type " + std::to_string(*type));
     }
-    if (fields.size() < want) {
-        report_ignored(conn, body, "missing fields");
-        return;
-    }
-    if (fields.size() > want) {
-        report_ignored(conn, body, "too many fields");
-        return;
-    }
+    if (fields.size() < want)
+        return refuse("missing fields");
+    if (fields.size() > want)
+        return refuse("too many fields");
     std::string_view key = key_at > 0 ? fields[key_at] : std::string_view();
-    if (key_at > 0 && key.empty()) {
-        report_ignored(conn, body, "empty key");
-        return;
-    }
+    if (key_at > 0 && key.empty())
+        return refuse(*type == stord_type_watch_pattern ? "empty pattern" : "empty key");
+    if (*type == stord_type_set && !is_int(fields[2]))
+        return refuse("non-numeric flag");
 
     switch (*type) {
         case stord_type_set:
-            if (!is_int(fields[2])) {
-                report_ignored(conn, body, "non-numeric flag");
-                return;
-            }
             journal_write(conn, {"set", key, fields[2], fields[3]});
             handle_set(key, fields[2], fields[3], out);
             break;
@@ -120,6 +93,7 @@ void stord_store::handle(std::uint64_t conn, std::string_view body, std::vector<
                 values_.erase(it);
             break;
         case stord_type_get: {
+            journal_write(conn, {"get", key});
             std::vector<std::string> reply{std::to_string(stord_type_get_reply), std::string(key)};
             auto it = values_.find(key);
             reply.push_back(it != values_.end() ? "1" : "0");
@@ -129,6 +103,7 @@ void stord_store::handle(std::uint64_t conn, std::string_view body, std::vector<
             break;
         }
         case stord_type_dump: {
+            journal_write(conn, {"dump"});
             std::vector<std::string> reply{std::to_string(stord_type_dump_reply)};
             for (const auto &[k, e] : values_) {
                 reply.push_back(k);
@@ -138,9 +113,11 @@ void stord_store::handle(std::uint64_t conn, std::string_view body, std::vector<
             break;
         }
         case stord_type_sync:
+            journal_write(conn, {"sync"});
             out.push_back({conn, stord_frame_encode(std::to_string(stord_type_sync_reply))});
             break;
         case stord_type_count: {
+            journal_write(conn, {"count", key});
             long n = 0;
             for (auto it = subs_.lower_bound({std::string(key), 0});
                  it != subs_.end() && it->first.first == key; ++it)
@@ -150,11 +127,21 @@ void stord_store::handle(std::uint64_t conn, std::string_view body, std::vector<
                                                        std::string(key), std::to_string(n)}))});
             break;
         }
+        case stord_type_watch_pattern:
+            journal_write(conn, {"watch", key});
+            handle_watch_pattern(conn, key);
+            break;
     }
+    return std::nullopt;
+}
+
+void stord_store::journal_rejected(std::uint64_t conn, std::string_view reason) {
+    journal_write(conn, {"rejected", reason});
 }
 
 void stord_store::drop_connection(std::uint64_t conn) {
     std::erase_if(subs_, [conn](const auto &sub) { return sub.first.second == conn; });
+    patterns_.erase(conn);
 }
 
 void stord_store::handle_set(std::string_view key, std::string_view flag, std::string_view value,
@@ -170,6 +157,19 @@ void stord_store::handle_set(std::string_view key, std::string_view flag, std::s
          sub != subs_.end() && sub->first.first == key; ++sub) {
         for (long i = 0; i < sub->second; i++)
             out.push_back({sub->first.second, frame});
+    }
+
+    // fnmatch stops at a NUL, so a key holding one would match on its
+    // prefix alone.
+    if (patterns_.empty() || holds_nul(key))
+        return;
+    const std::string &key_text = it->first;
+    for (const auto &[conn, patterns] : patterns_) {
+        bool match = std::any_of(patterns.begin(), patterns.end(), [&](const std::string &p) {
+            return ::fnmatch(p.c_str(), key_text.c_str(), 0) == 0;
+        });
+        if (match)
+            out.push_back({conn, frame});
     }
 }
 
@@ -191,13 +191,21 @@ void stord_store::handle_unsubscribe(std::uint64_t conn, std::string_view key) {
         subs_.erase(it);
 }
 
+void stord_store::handle_watch_pattern(std::uint64_t conn, std::string_view pattern) {
+    // fnmatch would read such a pattern only up to the NUL; it can match
+    // nothing the client meant, so it is not kept.
+    if (holds_nul(pattern))
+        return;
+    patterns_[conn].emplace(pattern);
+}
+
 void stord_store::journal_write(std::uint64_t conn, const std::vector<std::string_view> &words) {
     if (journal_ == nullptr)
         return;
     std::string line = std::to_string(conn);
     for (auto word : words) {
         line.push_back(' ');
-        line += escape_text(word);
+        line += stord_frame_escape(word);
     }
     line.push_back('\n');
     // Flushed per line: tests read the file while the store runs.
