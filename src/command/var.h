@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 enum tovrin_var_type {
     TOVRIN_VAR_PLAIN = 0,  // `var`: a fixed value
@@ -29,3 +30,58 @@ struct tovrin_var {
 };
 
 using tovrin_var_list = std::list<std::unique_ptr<tovrin_var>>;
+
+struct tovrin_conn;
+
+// Which of a conn's five variable lists holds name: the byte sum of the name
+// (bytes unsigned, 32-bit unsigned sum) modulo 5.
+int tovrin_var_index(std::string_view name);
+
+// Empties the conn's five variable lists (without cancelling subscriptions).
+void tovrin_conn_vars_init(tovrin_conn *conn);
+
+// Adds a variable with a fixed value at the head of its list, so it hides
+// earlier ones of the same name. 0, or -1 after logging.
+int tovrin_conn_add_var(tovrin_conn *conn, const std::string &name, const std::string &value);
+
+// Adds a variable that follows the store key: the subscription request is
+// queued and the subscription goes to the head of the instance's
+// store_vars. 0, or -1 after logging (nothing is left behind).
+int tovrin_conn_add_stord_var(tovrin_conn *conn, const std::string &name, const std::string &key);
+
+// Frees every variable of the conn; a store variable's key is unsubscribed
+// and its subscription unlinked from store_vars first.
+void tovrin_conn_vars_free(tovrin_conn *conn);
+
+// Looks for name among the conn's own variables. On a match sets found and
+// returns text with the value appended (after one blank when text is
+// present); a store variable with no value yet matches but adds nothing.
+// Without a match returns text and leaves found alone.
+std::optional<std::string> tovrin_var_lookup_local(tovrin_conn *conn, const std::string &name,
+                                                   std::optional<std::string> text, bool &found);
+
+// The lookup strategies. Each call is one search: it visits every conn at
+// most once, so parents that form a cycle end the walk (reported once, at
+// priority 0, as "variable search for NAME found a cycle through conn CONN")
+// and a shared ancestor is searched once. Names that do not resolve are
+// logged and skipped. May throw std::bad_alloc.
+//
+// The conn, then its active member and so on down a chain of groups.
+std::optional<std::string> tovrin_var_search_local(tovrin_conn *conn, const std::string &name,
+                                                   std::optional<std::string> text, bool &found);
+// Every parent's ancestry with tovrin_var_search_all; not the conn itself.
+std::optional<std::string> tovrin_var_search_parents_all(tovrin_conn *conn, const std::string &name,
+                                                         std::optional<std::string> text,
+                                                         bool &found);
+// The conn alone when it holds name; otherwise its active member and all its
+// parents, collecting every value.
+std::optional<std::string> tovrin_var_search_all(tovrin_conn *conn, const std::string &name,
+                                                 std::optional<std::string> text, bool &found);
+// The conn, its active member, then each parent depth first; the first
+// holder wins.
+std::optional<std::string> tovrin_var_search_first(tovrin_conn *conn, const std::string &name,
+                                                   std::optional<std::string> text, bool &found);
+
+// Expands a reference ("name" or "strategy:name") on behalf of conn; nullopt
+// when nothing was found. May throw std::bad_alloc.
+std::optional<std::string> tovrin_var_expand(tovrin_conn *conn, const char *reference);

@@ -35,10 +35,10 @@ std::string request_format(int type, const char *key, int flag, const char *valu
             n = asprintf(&text, "    %d\x1e%s", type, key);
             break;
     }
+    std::unique_ptr<char, free_deleter> owned(text);
     std::string frame;
     if (n > 0)
-        frame.assign(text, static_cast<size_t>(n));
-    free(text);
+        frame.assign(owned.get(), static_cast<size_t>(n));
     return frame;
 }
 
