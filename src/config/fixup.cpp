@@ -1,0 +1,54 @@
+#include "config/fixup.h"
+
+#include <string>
+
+#include "daemon/log.h"
+#include "supervise/action_queue.h"
+#include "supervise/conn.h"
+#include "supervise/inst.h"
+
+namespace {
+
+// The pending conn named name, or a new deaf one; null when none can be made.
+tovrin_conn *pending_find_or_deaf(tovrin_inst *inst, const std::string &name) {
+    tovrin_conn *conn = inst->new_conns.find(name);
+    return conn != nullptr ? conn : tovrin_conn_add_deaf(inst, name);
+}
+
+}  // namespace
+
+void tovrin_config_fixup(tovrin_inst *inst, tovrin_config_handover handover) {
+    // Deaf conns appended during a pass are visited by that pass too. No
+    // pass adds to the kind of link it is reading.
+    tovrin_log(TOVRIN_LOG_DEBUG, "config parsed; fixing parents...");
+    for (tovrin_conn &conn : inst->new_conns) {
+        for (const tovrin_link &parent : conn.parents)
+            tovrin_conn_add_child(pending_find_or_deaf(inst, parent.name), conn.name);
+    }
+
+    tovrin_log(TOVRIN_LOG_DEBUG, "parent fixups applied; fixing children...");
+    for (tovrin_conn &conn : inst->new_conns) {
+        for (const tovrin_link &child : conn.children)
+            tovrin_conn_add_parent(pending_find_or_deaf(inst, child.name), conn.name);
+    }
+
+    tovrin_log(TOVRIN_LOG_DEBUG, "children fixups applied; fixing groups...");
+    for (tovrin_conn &group : inst->new_conns) {
+        if (group.type != TOVRIN_ANYGROUP && group.type != TOVRIN_ORDEREDGROUP)
+            continue;
+        for (const tovrin_link &member : group.members)
+            tovrin_conn_set_group(pending_find_or_deaf(inst, member.name), group.name);
+    }
+
+    tovrin_log(TOVRIN_LOG_DEBUG, "group fixups applied. move or merge...");
+    handover(inst);
+    tovrin_log(TOVRIN_LOG_DEBUG, "config loading done.");
+}
+
+void tovrin_config_move(tovrin_inst *inst) {
+    while (!inst->new_conns.empty()) {
+        tovrin_conn *conn = inst->conns.push_back(inst->new_conns.pop_front());
+        conn->test_event.set(inst->base.get(), -1, 0, tovrin_conn_run_tests, conn);
+    }
+    inst->globals = std::move(inst->new_globals);
+}

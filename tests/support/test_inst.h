@@ -1,0 +1,40 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "daemon/paths.h"
+#include "platform/unique_fd.h"
+#include "supervise/inst.h"
+#include "support/temp_dir.h"
+
+// An instance initialised as start-up does it, in a private root, with its
+// store link on one end of a socket pair; the test plays the store on the
+// other end. Declared members go in this order so that the instance (and
+// its event base) outlives nothing it points at.
+class test_inst {
+  public:
+    test_inst();
+    test_inst(const test_inst &) = delete;
+    test_inst &operator=(const test_inst &) = delete;
+
+    // Writes the configuration file the instance reads.
+    void write_config(const std::string &text) const;
+    // Loads the configuration file and puts it into force, as start-up does.
+    int load();
+    // The conn in force named name, or null (without logging).
+    tovrin_conn *conn(const std::string &name) { return inst.conns.find(name); }
+    // The bodies of the store requests made since the last call, oldest
+    // first, with the separator byte shown as '|': those the writer already
+    // sent, then those still queued (the queue is emptied).
+    std::vector<std::string> take_store_requests();
+
+    temp_dir root;
+    tovrin_paths paths;
+    unique_fd store_end;
+    unique_fd daemon_end;
+    tovrin_inst inst;
+
+  private:
+    std::string received_;  // bytes read from the store's end, not yet split
+};
