@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Runs the daemon's main job on the built-in example: the stand-in store and
-# tovrin-sandbox on examples/tovrin.conf in a private root, shows what the
-# daemon does, then stops cleanly (losing the store link ends the daemon,
-# which removes its pid file).
+# tovrin-sandbox on examples/tovrin.conf in a private root. Shows the conns
+# coming up in dependency order (live status lines from storectl watch), a
+# failing test restarting its conn, an operator restart, and a clean stop of
+# everything the daemon started.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh build
@@ -11,9 +12,11 @@ repo=$(pwd)
 root=$(mktemp -d /tmp/tovrin-example.XXXXXX)
 store_pid=""
 daemon_pid=""
+watch_pid=""
 cleanup() {
-    [ -n "$daemon_pid" ] && kill "$daemon_pid" 2>/dev/null || true
-    [ -n "$store_pid" ] && kill "$store_pid" 2>/dev/null || true
+    for pid in "$watch_pid" "$daemon_pid" "$store_pid"; do
+        [ -n "$pid" ] && kill "$pid" 2>/dev/null || true
+    done
     wait 2>/dev/null || true
     rm -rf "$root"
 }
@@ -28,37 +31,64 @@ sed -e "s|@EXAMPLE_DIR@|$root/example|g" -e "s|@STATE_DIR@|$root/links|g" \
 echo "4242.00 8000.00" > "$root/proc/uptime"
 
 stord="$repo/build/tools/stord/stord"
-stordctl="$repo/build/tools/stord/stordctl"
+storectl="$repo/build/tools/stord/storectl"
 socket="$root/var/run/stord.sock"
+ctl() { "$storectl" --socket "$socket" "$@"; }
+wait_for() {  # KEY VALUE
+    ctl wait "$1" "$2" 30000 || { echo "timed out waiting for $1 = $2" >&2; exit 1; }
+}
+# Waits until the store has recorded KEY set to VALUE since journal line FROM:
+# passing states go by too fast to catch with a wait on the current value.
+wait_passed() {  # FROM KEY VALUE
+    for _ in $(seq 600); do
+        tail -n +"$(($1 + 1))" "$root/stord.journal" | grep -q " set $2 [0-9] $3\$" && return 0
+        sleep 0.05
+    done
+    echo "timed out waiting for $2 to pass through $3" >&2
+    exit 1
+}
+mark() { wc -l < "$root/stord.journal"; }
+step() { sleep 0.2; echo; echo "== $*"; }
 
 echo "== root: $root"
-"$stord" "$socket" --journal "$root/stord.journal" > "$root/stord.out" 2>&1 &
+"$stord" --socket "$socket" --journal "$root/stord.journal" > "$root/stord.out" 2>&1 &
 store_pid=$!
 for _ in $(seq 100); do [ -S "$socket" ] && break; sleep 0.05; done
 
+ctl watch 'tovrin.*.status' | sed -u 's/^/    status: /' &
+watch_pid=$!
+sleep 0.2
+
+step "starting tovrin-sandbox: conns come up parents first"
 "$repo/build/src/tovrin-sandbox" "$root" 2> "$root/daemon.stderr" &
 daemon_pid=$!
-for _ in $(seq 100); do [ -s "$root/var/run/tovrin.pid" ] && break; sleep 0.05; done
-echo "== tovrin-sandbox running as pid $(cat "$root/var/run/tovrin.pid")"
+wait_for tovrin.monitor.status up
 
-# Give the conns a few seconds to come up, then look around.
-sleep 4
-kill -USR1 "$daemon_pid"
-kill -USR2 "$daemon_pid"
-sleep 1
+step "the vpn's link goes away: its test fails and the vpn is restarted"
+from=$(mark)
+rm -f "$root/links/vpn"
+wait_passed "$from" tovrin.vpn.status down
+wait_for tovrin.monitor.status up
 
+step "an operator restarts the monitor: storectl cmd monitor,cli,restart"
+from=$(mark)
+ctl cmd monitor,cli,restart
+wait_passed "$from" tovrin.monitor.status down
+wait_for tovrin.monitor.status up
+
+step "stopping everything: keepalive off, then the uplinks (children go first)"
+ctl cmd tovrin,cli,stop_keepalive
+for conn in uplinks wan1 wan2; do ctl cmd "$conn,cli,stop"; done
+for conn in monitor vpn uplinks wan1 wan2; do wait_for "tovrin.$conn.status" down; done
+sleep 0.2
+
+echo
 echo "== what the daemon logged"
 cat "$root/var/log/tovrin.log"
-echo "== status keys in the store"
-"$stordctl" "$socket" dump || true
-for f in tmp/tovrin.conf tmp/tovrin.dot; do
-    if [ -s "$root/$f" ]; then
-        echo "== $f"
-        cat "$root/$f"
-    fi
-done
 
-echo "== stopping: the store goes away, the daemon ends with status 1"
+echo
+echo "== the store goes away; the daemon ends with status 1 and removes its pid file"
+kill "$watch_pid" 2>/dev/null || true
 kill -TERM "$store_pid"
 wait "$store_pid" || true
 store_pid=""
@@ -70,7 +100,7 @@ if [ -e "$root/var/run/tovrin.pid" ]; then
     echo "pid file still there" >&2
     exit 1
 fi
-echo "pid file removed"
+echo "pid file removed; links left up: $(ls "$root/links" 2>/dev/null | wc -l)"
 if [ -s "$root/daemon.stderr" ]; then
     echo "== daemon standard error"
     cat "$root/daemon.stderr"

@@ -2,5 +2,10 @@
 
 #include <event2/util.h>
 
-// Callback of the SIGCHLD event: reaps every ended child. arg is the instance.
+// Callback of the SIGCHLD event: reaps every ended child and acts on the
+// exit of each one that runs a queued action. arg is the instance.
 void tovrin_sigchld(evutil_socket_t signal, short events, void *arg);
+
+// Callback of a conn's up_action_failed_delay_event: restarts the conn (arg)
+// if it is still running.
+void tovrin_up_action_failed_delay(evutil_socket_t fd, short events, void *arg);

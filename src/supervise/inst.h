@@ -5,9 +5,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 #include "command/var.h"
 #include "daemon/event_slot.h"
@@ -67,6 +70,15 @@ struct tovrin_inst {
     std::unique_ptr<tovrin_globals> new_globals;
     tovrin_var_sub_list store_vars;
     std::deque<tovrin_store_msg> store_out_queue;
+    // Queued actions whose child is running or terminating, by pid. Declared
+    // before the conns so that it outlives every entry that unregisters
+    // itself on the way out.
+    std::unordered_map<pid_t, tovrin_queued_action *> running_actions;
+    // The monotonic clock behind the up commands' back-off and quick-exit
+    // checks; tests put a fake one here. 0 on success, as clock_gettime.
+    std::function<int(timespec *now)> clock_monotonic = [](timespec *now) {
+        return clock_gettime(CLOCK_MONOTONIC, now);
+    };
     tovrin_conn_list conns;
     tovrin_conn_list new_conns;
     std::deque<tovrin_msg> message_queue;

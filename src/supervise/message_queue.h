@@ -12,3 +12,7 @@ void tovrin_conn_deliver_message(tovrin_inst *inst, tovrin_conn *src, tovrin_con
 // Callback of dispatch_event: drains the whole queue, including what the
 // handlers deliver meanwhile. arg is the instance.
 void tovrin_dispatch_messages(evutil_socket_t fd, short events, void *arg);
+
+// Drops every queued message from or to conn; called before conn is freed,
+// so no message can reach freed memory.
+void tovrin_messages_purge_conn(tovrin_inst *inst, const tovrin_conn *conn);

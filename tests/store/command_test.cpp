@@ -8,33 +8,24 @@
 #include "supervise/conn.h"
 #include "supervise/inst.h"
 #include "support/log_capture.h"
+#include "support/test_inst.h"
 
 namespace {
 
 class ControlCommand : public ::testing::Test {
   protected:
     void SetUp() override {
-        inst.base.reset(event_base_new());
-        inst.globals = tovrin_globals_new();
-        inst.new_globals = tovrin_globals_new();
-        add(TOVRIN_CONN, "wan")->log_mask |= TOVRIN_LOG_EXTERNALCOMMANDS;
-        tovrin_conn *quiet = add(TOVRIN_CONN, "quiet");
-        quiet->log_mask &= ~TOVRIN_LOG_EXTERNALCOMMANDS;
-        tovrin_conn *group = add(TOVRIN_ORDEREDGROUP, "uplinks");
-        group->active_conn_name = "gone";
-        tovrin_conn_add_deaf(&inst, "deaf");
-        while (!inst.new_conns.empty())
-            inst.conns.push_back(inst.new_conns.pop_front());
+        t.write_config(
+            "conn wan\n\tlog +externalcommands\n"
+            "conn quiet\n\tlog -externalcommands\n"
+            "orderedgroup uplinks\n"
+            "conn x\n\tparent deaf\n");
+        ASSERT_EQ(t.load(), 0);
+        t.conn("uplinks")->active_conn_name = "gone";
     }
 
-    tovrin_conn *add(int type, const std::string &name) {
-        if (type != TOVRIN_CONN)
-            return tovrin_group_add(&inst, name, type);
-        return inst.new_conns.push_back(
-            tovrin_conn_new(&inst, name, TOVRIN_CONN, 60, 30, 30, 30, 1, -1, 0));
-    }
-
-    tovrin_inst inst;
+    test_inst t;
+    tovrin_inst &inst = t.inst;
 };
 
 TEST_F(ControlCommand, ParsesDispatchesAndReports) {
@@ -83,7 +74,8 @@ TEST_F(ControlCommand, ParsesDispatchesAndReports) {
         {"uplinks,x,failover",
          0,
          {{TOVRIN_LOG_INFO, "external failover command received for uplinks"},
-          {TOVRIN_LOG_FATAL, "couldn't find conn: gone"}}},
+          {TOVRIN_LOG_FATAL, "couldn't find conn: gone"},
+          {TOVRIN_LOG_FATAL, "tovrin_conn_deliver_message called with a NULL receipient"}}},
     };
     for (const command_case &c : cases) {
         log_capture log;

@@ -1,0 +1,84 @@
+#include "store/status.h"
+
+#include <ctime>
+#include <new>
+#include <string>
+
+#include "config/graph_dump.h"
+#include "daemon/log.h"
+#include "store/store_link.h"
+#include "supervise/conn.h"
+#include "supervise/inst.h"
+#include "supervise/state.h"
+
+namespace {
+
+// Group keys and values are built in 1,024-byte buffers by the appliance's
+// readers' convention: anything longer is cut there.
+constexpr size_t group_text_max = 1023;
+
+std::string cut(std::string text) {
+    if (text.size() > group_text_max)
+        text.resize(group_text_max);
+    return text;
+}
+
+void group_key_set(tovrin_conn *group, const char *suffix, const std::string &value) {
+    std::string key = cut("tovrin." + group->name + suffix);
+    tovrin_store_send(group->inst, TOVRIN_STORE_SET, key.c_str(), 1, cut(value).c_str());
+}
+
+}  // namespace
+
+void tovrin_publish_status(tovrin_conn *conn) {
+    const char *state = tovrin_state_name(conn->current_state);
+    try {
+        std::string key = "tovrin." + conn->name + ".status";
+        tovrin_store_send(conn->inst, TOVRIN_STORE_SET, key.c_str(), 2, state);
+    } catch (const std::bad_alloc &) {
+        tovrin_log(TOVRIN_LOG_FATAL, "failed to allocate status message");
+        return;
+    }
+    if ((conn->log_mask & TOVRIN_LOG_OTHERTRANSITIONS) != 0)
+        tovrin_log(TOVRIN_LOG_INFO, "%s is now %s", conn->name.c_str(), state);
+    tovrin_mq_snapshot(conn->inst, nullptr, nullptr, nullptr, 0);
+}
+
+void tovrin_remove_status(tovrin_conn *conn) {
+    try {
+        std::string key = "tovrin." + conn->name + ".status";
+        tovrin_store_send(conn->inst, TOVRIN_STORE_DELETE, key.c_str(), 0, nullptr);
+    } catch (const std::bad_alloc &) {
+        tovrin_log(TOVRIN_LOG_FATAL, "failed to allocate status message");
+    }
+}
+
+void tovrin_group_set_active(tovrin_conn *group, std::string name) {
+    group->active_conn_name = std::move(name);
+    std::string names;
+    int position = 0;
+    for (const tovrin_link &member : group->members) {
+        if (!group->active_conn_name.empty() && member.name == group->active_conn_name) {
+            group_key_set(group, ".active-connection-index", std::to_string(position));
+            group_key_set(group, ".active-connection-name", group->active_conn_name);
+        }
+        if (names.size() < group_text_max) {
+            if (!names.empty())
+                names += ',';
+            names += member.name;
+            names = cut(std::move(names));
+        }
+        position++;
+    }
+    group_key_set(group, ".connection-names", names);
+}
+
+void tovrin_group_reset_active(tovrin_conn *group) {
+    if (!group->members.empty())
+        tovrin_group_set_active(group, group->members.front().name);
+    group->next_active_conn_name.clear();
+}
+
+void tovrin_group_publish_failover_timestamp(tovrin_conn *group) {
+    group_key_set(group, ".failover-timestamp", std::to_string(static_cast<long>(time(nullptr))));
+}
