@@ -5,21 +5,7 @@
 #include "config/graph_dump.h"
 #include "config/reload.h"
 #include "config/state_dump.h"
-#include "groups/check.h"
-#include "groups/failover.h"
 #include "supervise/inst.h"
-
-// Unfinished: groups do not fail over yet.
-void tovrin_group_member_tested(tovrin_conn *) {}
-void tovrin_group_member_failed(tovrin_conn *) {}
-void tovrin_group_cancel_failforward(tovrin_conn *) {}
-void tovrin_group_arm_failover(tovrin_conn *, int) {}
-void tovrin_group_cancel_failover(tovrin_conn *) {}
-
-// Unfinished: every group allows every move for now.
-int tovrin_conn_check_group(tovrin_conn *, int) {
-    return 1;
-}
 
 // Unfinished: no snapshots are written yet.
 void tovrin_mq_snapshot(tovrin_inst *, const char *, const char *, const char *, int) {}

@@ -1,19 +1,325 @@
 #include "groups/failover.h"
 
+#include <string>
+
 #include "daemon/log.h"
 #include "daemon/log_mask.h"
+#include "store/status.h"
 #include "supervise/conn.h"
+#include "supervise/inst.h"
 #include "supervise/message.h"
 #include "supervise/message_queue.h"
+#include "supervise/state.h"
+#include "supervise/state_machine.h"
+
+namespace {
+
+enum {
+    SITE_FAILOVER_CANCEL_NOT_INITIALIZED = 1469,
+    SITE_FAILFORWARD_CANCEL_NOT_INITIALIZED = 1495,
+    SITE_FAILOVER_NOT_INITIALIZED = 1510,
+    SITE_FAILOVER_ALREADY_SCHEDULED = 1513,
+    SITE_FAILFORWARD_NOT_INITIALIZED = 1537,
+    SITE_FAILFORWARD_ALREADY_SCHEDULED = 1540,
+};
+
+bool logs(const tovrin_conn *group, uint64_t bit) {
+    return (group->log_mask & bit) != 0;
+}
+
+tovrin_conn *find_member(tovrin_conn *group, const std::string &name) {
+    return tovrin_conn_find(group->inst, name);
+}
+
+tovrin_conn *active_member(tovrin_conn *group) {
+    return group->active_conn_name.empty() ? nullptr : find_member(group, group->active_conn_name);
+}
+
+bool is_up(const tovrin_conn *conn) {
+    return conn != nullptr && conn->current_state == TOVRIN_STATE_UP;
+}
+
+// The member in the list, not the string the caller holds: names that become
+// active or next-active are always copies of a member's name.
+const tovrin_link *member_named(const tovrin_conn *group, const std::string &name) {
+    for (const tovrin_link &link : group->members) {
+        if (link.name == name)
+            return &link;
+    }
+    return nullptr;
+}
+
+// Which of a group's two timers; their messages differ in more than the
+// name, so each is spelled out whole.
+enum group_timer { FAILOVER, FAILFORWARD };
+
+event_slot &slot_of(tovrin_conn *group, group_timer timer) {
+    return timer == FAILOVER ? group->failover_event : group->failforward_event;
+}
+
+void arm(tovrin_conn *group, group_timer timer, int seconds) {
+    event_slot &slot = slot_of(group, timer);
+    const char *name = group->name.c_str();
+    if (!slot.initialized()) {
+        if (timer == FAILOVER)
+            tovrin_log(TOVRIN_LOG_WARN,
+                       "%d %s(%d) failover_event not initialized yet, set and add it",
+                       SITE_FAILOVER_NOT_INITIALIZED, name, group->type);
+        else
+            tovrin_log(TOVRIN_LOG_WARN,
+                       "%d %s(%d) failforward_event not initialized yet, set and add it",
+                       SITE_FAILFORWARD_NOT_INITIALIZED, name, group->type);
+    } else if (slot.pending()) {
+        if (timer == FAILOVER)
+            tovrin_log(TOVRIN_LOG_FATAL, "%d %s(%d) failover_event already scheduled",
+                       SITE_FAILOVER_ALREADY_SCHEDULED, name, group->type);
+        else
+            tovrin_log(TOVRIN_LOG_FATAL, "%d %s (%d)failforward_event already scheduled",
+                       SITE_FAILFORWARD_ALREADY_SCHEDULED, name, group->type);
+        return;
+    }
+    slot.set(group->inst->base.get(), -1, 0,
+             timer == FAILOVER ? tovrin_group_failover_timeout : tovrin_group_failforward_timeout,
+             group);
+    slot.add_seconds(seconds < 0 ? 0 : seconds);
+}
+
+void cancel(tovrin_conn *group, group_timer timer) {
+    const char *name = group->name.c_str();
+    if (group->type != TOVRIN_ORDEREDGROUP) {
+        tovrin_log(
+            TOVRIN_LOG_FATAL, "%s: incorrectly called with %s",
+            timer == FAILOVER ? "tovrin_group_cancel_failover" : "tovrin_group_cancel_failforward",
+            name);
+        return;
+    }
+    event_slot &slot = slot_of(group, timer);
+    if (!slot.initialized()) {
+        if (timer == FAILOVER)
+            tovrin_log(TOVRIN_LOG_WARN,
+                       "%d %s(%d) failover_event not initialized yet, skip deleting it",
+                       SITE_FAILOVER_CANCEL_NOT_INITIALIZED, name, group->type);
+        else
+            tovrin_log(TOVRIN_LOG_WARN,
+                       "%d %s(%d) failforward_event not initialized yet, skip deleting it",
+                       SITE_FAILFORWARD_CANCEL_NOT_INITIALIZED, name, group->type);
+        return;
+    }
+    slot.del();
+}
+
+// Both moves end the same way: the group restarts, its stop takes down only
+// the active member and then hands the group to next_active_conn_name.
+void restart_failing_over(tovrin_conn *group) {
+    group->currently_failing_over = 1;
+    tovrin_conn_restart(group);
+}
+
+}  // namespace
+
+void tovrin_group_arm_failover(tovrin_conn *group, int seconds) {
+    arm(group, FAILOVER, seconds);
+}
+
+void tovrin_group_arm_failforward(tovrin_conn *group, int seconds) {
+    arm(group, FAILFORWARD, seconds);
+}
+
+void tovrin_group_cancel_failover(tovrin_conn *group) {
+    cancel(group, FAILOVER);
+}
+
+void tovrin_group_cancel_failforward(tovrin_conn *group) {
+    cancel(group, FAILFORWARD);
+}
+
+void tovrin_group_failover_timeout(evutil_socket_t, short, void *arg) {
+    auto *group = static_cast<tovrin_conn *>(arg);
+    if (group->type != TOVRIN_ORDEREDGROUP)
+        return;
+    if (group->active_conn_name.empty()) {
+        tovrin_group_cancel_failover(group);
+        tovrin_group_reset_active(group);
+        tovrin_conn_restart(group);
+        return;
+    }
+    tovrin_conn *active = active_member(group);
+    if (active == nullptr || is_up(active))
+        return;
+    if (logs(group, TOVRIN_LOG_FAILOVER)) {
+        tovrin_log(TOVRIN_LOG_INFO, "group %s member %s failed to come up before timeout",
+                   group->name.c_str(), active->name.c_str());
+    }
+    tovrin_group_ordered_failover(group);
+}
+
+void tovrin_group_member_failed(tovrin_conn *group) {
+    if (group->type == TOVRIN_ANYGROUP) {
+        for (const tovrin_link &link : group->members) {
+            if (is_up(find_member(group, link.name)))
+                return;
+        }
+        tovrin_conn_stop(group);
+        return;
+    }
+    if (group->type != TOVRIN_ORDEREDGROUP) {
+        tovrin_log(TOVRIN_LOG_FATAL, "conn %s has been incorrectly told to check its members",
+                   group->name.c_str());
+        return;
+    }
+    if (group->active_conn_name.empty())
+        tovrin_group_reset_active(group);
+    if (tovrin_conn_is_active(group)) {
+        tovrin_conn *active = active_member(group);
+        if (active == nullptr || is_up(active))
+            return;
+        if (logs(group, TOVRIN_LOG_FAILOVER))
+            tovrin_log(TOVRIN_LOG_INFO, "group %s has failed", group->name.c_str());
+        tovrin_group_ordered_failover(group);
+    } else {
+        tovrin_conn_check_stop(group);
+    }
+}
+
+void tovrin_group_ordered_failover(tovrin_conn *group) {
+    if (group->type != TOVRIN_ORDEREDGROUP) {
+        tovrin_log(TOVRIN_LOG_FATAL, "tovrin_group_ordered_failover called with incorrect group %s",
+                   group->name.c_str());
+        return;
+    }
+    tovrin_group_cancel_failover(group);
+    tovrin_group_cancel_failforward(group);
+    if (group->active_conn_name.empty())
+        tovrin_group_reset_active(group);
+    if (group->active_conn_name.empty() || group->members.empty()) {
+        if (logs(group, TOVRIN_LOG_FAILOVER)) {
+            tovrin_log(TOVRIN_LOG_INFO, "group %s can't failover with no members",
+                       group->name.c_str());
+        }
+        tovrin_conn_stop(group);
+        return;
+    }
+
+    const tovrin_link *target = nullptr;
+    if (group->inst->reloading_config) {
+        if (logs(group, TOVRIN_LOG_FAILOVER)) {
+            tovrin_log(TOVRIN_LOG_INFO,
+                       "group %s failover during reloading, keeping current active member %s",
+                       group->name.c_str(), group->active_conn_name.c_str());
+        }
+        target = member_named(group, group->active_conn_name);
+    }
+    if (target == nullptr) {
+        auto it = group->members.begin();
+        while (it != group->members.end() && it->name != group->active_conn_name)
+            ++it;
+        if (it != group->members.end())
+            ++it;
+        if (it == group->members.end()) {
+            if (logs(group, TOVRIN_LOG_FAILOVER))
+                tovrin_log(TOVRIN_LOG_INFO, "group %s members all failed", group->name.c_str());
+            it = group->members.begin();
+        }
+        target = &*it;
+    }
+
+    tovrin_conn *target_conn = find_member(group, target->name);
+    if (target_conn == nullptr) {
+        tovrin_log(TOVRIN_LOG_FATAL, "tovrin_ordered_failover: unknown member name %s",
+                   target->name.c_str());
+        return;
+    }
+    if (logs(group, TOVRIN_LOG_FAILOVER)) {
+        tovrin_log(TOVRIN_LOG_INFO, "group %s failing over to %s", group->name.c_str(),
+                   target_conn->name.c_str());
+    }
+    group->next_active_conn_name = target->name;
+    restart_failing_over(group);
+
+    group->failforward_ready = 0;
+    if (group->failforwardperiod != 0)
+        tovrin_group_arm_failforward(group, group->failforwardperiod);
+    else
+        group->failforward_ready = 1;
+}
+
+void tovrin_group_failforward_timeout(evutil_socket_t, short, void *arg) {
+    auto *group = static_cast<tovrin_conn *>(arg);
+    group->failforward_ready = 1;
+    tovrin_group_member_tested(group);
+}
+
+void tovrin_group_member_tested(tovrin_conn *group) {
+    if (group->type != TOVRIN_ORDEREDGROUP || group->failforward_ready == 0)
+        return;
+    if (group->active_conn_name.empty()) {
+        tovrin_group_failforward(group);
+        return;
+    }
+    if (group->members.empty())
+        return;
+
+    if (group->inst->reloading_config) {
+        tovrin_conn *active = active_member(group);
+        group->next_active_conn_name = active != nullptr ? active->name : std::string();
+        tovrin_group_failforward(group);
+        return;
+    }
+    if (group->mutex != 0) {
+        const tovrin_link &first = group->members.front();
+        if (first.name == group->active_conn_name)
+            return;
+        group->next_active_conn_name =
+            find_member(group, first.name) != nullptr ? first.name : std::string();
+        tovrin_group_failforward(group);
+        return;
+    }
+    // A standby earlier in the list than the active member that has passed
+    // its tests is preferred: move back to it.
+    for (const tovrin_link &link : group->members) {
+        if (link.name == group->active_conn_name)
+            return;
+        tovrin_conn *member = find_member(group, link.name);
+        if (member != nullptr && (member->current_state == TOVRIN_STATE_TESTED ||
+                                  member->current_state == TOVRIN_STATE_UP)) {
+            group->next_active_conn_name = link.name;
+            tovrin_group_failforward(group);
+            return;
+        }
+    }
+}
+
+void tovrin_group_failforward(tovrin_conn *group) {
+    if (group->type != TOVRIN_ORDEREDGROUP) {
+        tovrin_log(TOVRIN_LOG_FATAL,
+                   "tovrin_group_failforward: Non-ordered group failover groups not yet "
+                   "implemented");
+        return;
+    }
+    if (group->next_active_conn_name.empty()) {
+        tovrin_group_reset_active(group);
+    } else if (logs(group, TOVRIN_LOG_FAILFORWARD)) {
+        tovrin_log(TOVRIN_LOG_INFO, "group %s trying to failforward to %s", group->name.c_str(),
+                   group->next_active_conn_name.c_str());
+    }
+    tovrin_group_cancel_failforward(group);
+    restart_failing_over(group);
+}
 
 int tovrin_conn_external_failover(tovrin_conn *conn) {
-    if ((conn->log_mask & TOVRIN_LOG_EXTERNALCOMMANDS) != 0)
+    if (logs(conn, TOVRIN_LOG_EXTERNALCOMMANDS))
         tovrin_log(TOVRIN_LOG_INFO, "external failover command received for %s",
                    conn->name.c_str());
     if (conn->type != TOVRIN_CONN && !conn->active_conn_name.empty()) {
         // A missing member is logged by the lookup and the message dropped.
         tovrin_conn *member = tovrin_conn_find(conn->inst, conn->active_conn_name);
         tovrin_conn_deliver_message(conn->inst, nullptr, member, TOVRIN_MSG_RESTART);
+        // A member that never came up will never report leaving up, and the
+        // group gate holds it in its stop while the group runs: the group is
+        // told of the failure itself, or the operator's failover would do
+        // nothing.
+        if (member != nullptr && member->current_state != TOVRIN_STATE_UP)
+            tovrin_conn_deliver_message(conn->inst, member, conn, TOVRIN_MSG_MEMBER_FAILED);
     }
     return 0;
 }

@@ -20,7 +20,8 @@ const char *sender_name(const tovrin_conn *conn, const char *none) {
 // failover in progress, no failforward waiting.
 void conn_interrupt(tovrin_conn *conn) {
     conn->restart_after_stopping = 0;
-    conn->currently_failing_over = 0;
+    if (conn->currently_failing_over > 0)
+        tovrin_group_abandon_failover(conn);
     if (conn->type == TOVRIN_ORDEREDGROUP)
         tovrin_group_cancel_failforward(conn);
 }

@@ -525,6 +525,18 @@ void tovrin_conn_restart(tovrin_conn *conn) {
     queue_run(conn);
 }
 
+void tovrin_group_abandon_failover(tovrin_conn *group) {
+    group->currently_failing_over = 0;
+    if (!is_group(group) || (group->current_state != TOVRIN_STATE_STOPPING_MEMBERS &&
+                             group->current_state != TOVRIN_STATE_STOPPING))
+        return;
+    for (const tovrin_link &link : group->members) {
+        tovrin_conn *member = find(group, link.name);
+        if (member != nullptr && member->current_state != TOVRIN_STATE_DOWN)
+            send(group, member, TOVRIN_MSG_STOP);
+    }
+}
+
 void tovrin_group_member_down(tovrin_conn *group) {
     if (group == nullptr)
         return;

@@ -10,3 +10,9 @@ void tovrin_conn_check_stop(tovrin_conn *conn);
 void tovrin_conn_restart(tovrin_conn *conn);
 void tovrin_group_stop(tovrin_conn *group);
 void tovrin_group_member_down(tovrin_conn *group);
+
+// Ends a failover before the group's stop could finish it, keeping the
+// active member. A failover stops the active member only; once it is
+// abandoned the group waits for every member, so those it left running are
+// told to stop too.
+void tovrin_group_abandon_failover(tovrin_conn *group);

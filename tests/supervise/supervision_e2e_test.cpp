@@ -2,77 +2,20 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <string>
 #include <vector>
 
-#include "support/child_process.h"
-#include "support/sandbox.h"
-#include "support/stord_harness.h"
-#include "support/temp_dir.h"
+#include "support/daemon_fixture.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using strings = std::vector<std::string>;
 
-// The daemon on a configuration of real commands, against the real store.
-class Supervision : public ::testing::Test {
-  protected:
-    void start(const std::string &config) {
-        root_.make_dirs("var/run");
-        root_.write_file("etc/config/tovrin.conf", config);
-        store_.emplace(sandbox_.store_socket(), root_.file("journal"));
-        daemon_.emplace(sandbox_.start());
-    }
-
-    void TearDown() override {
-        if (!daemon_)
-            return;
-        store_->stop();
-        std::optional<int> status = daemon_->wait_exit(10s);
-        EXPECT_EQ(status, 1) << sandbox_.daemon_stderr();
-        EXPECT_EQ(sandbox_.daemon_stderr().find("Sanitizer"), std::string::npos)
-            << sandbox_.daemon_stderr();
-    }
-
-    // The states published for name, in order.
-    strings published(const std::string &name) {
-        const std::string prefix = "set tovrin." + name + ".status 2 ";
-        strings states;
-        for (const std::string &line : store_->journal()) {
-            size_t at = line.find(prefix);
-            if (at != std::string::npos)
-                states.push_back(line.substr(at + prefix.size()));
-        }
-        return states;
-    }
-
-    // Positions of the status lines in the journal, "name state" each.
-    strings status_lines() {
-        strings out;
-        for (const std::string &line : store_->journal()) {
-            size_t at = line.find(" set tovrin.");
-            size_t end = line.find(".status 2 ");
-            if (at == std::string::npos || end == std::string::npos)
-                continue;
-            std::string name = line.substr(at + 12, end - at - 12);
-            out.push_back(name + " " + line.substr(end + 10));
-        }
-        return out;
-    }
-
-    bool wait_status(const std::string &name, const std::string &state,
-                     std::chrono::milliseconds timeout = 15s) {
-        return store_->wait_value("tovrin." + name + ".status", state, timeout);
-    }
-
-    void command(const std::string &text) { store_->set("config.tovrin.command", text); }
-
-    temp_dir root_;
-    sandbox sandbox_{root_};
-    std::optional<stord_harness> store_;
-    std::optional<child_process> daemon_;
-};
+// The supervision tests share the daemon-and-store fixture under their own
+// suite name.
+class Supervision : public daemon_fixture {};
 
 const strings walk_up = {"down",    "waiting to start", "starting", "starting up commands",
                          "testing", "tested",           "up"};
