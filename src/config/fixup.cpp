@@ -45,10 +45,14 @@ void tovrin_config_fixup(tovrin_inst *inst, tovrin_config_handover handover) {
     tovrin_log(TOVRIN_LOG_DEBUG, "config loading done.");
 }
 
-void tovrin_config_move(tovrin_inst *inst) {
+void tovrin_config_adopt_new_conns(tovrin_inst *inst) {
     while (!inst->new_conns.empty()) {
         tovrin_conn *conn = inst->conns.push_back(inst->new_conns.pop_front());
         conn->test_event.set(inst->base.get(), -1, 0, tovrin_conn_run_tests, conn);
     }
+}
+
+void tovrin_config_move(tovrin_inst *inst) {
+    tovrin_config_adopt_new_conns(inst);
     inst->globals = std::move(inst->new_globals);
 }

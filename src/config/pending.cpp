@@ -3,13 +3,16 @@
 #include <memory>
 
 #include "command/var.h"
+#include "supervise/action_queue.h"
 #include "supervise/conn.h"
 #include "supervise/inst.h"
 
 void tovrin_conn_free(std::unique_ptr<tovrin_conn> conn) {
     if (conn == nullptr)
         return;
-    // The variables go first: their subscriptions live in the instance.
+    // Children still running are told to go and forgotten, so a late exit
+    // finds no entry; the variables' subscriptions live in the instance.
+    tovrin_conn_actions_release(conn.get());
     tovrin_conn_vars_free(conn.get());
 }
 

@@ -83,3 +83,8 @@ tovrin_log_setup::~tovrin_log_setup() {
     log4c_appender_delete(appender_);
     log4c_layout_delete(layout_);
 }
+
+void tovrin_log_setup::set_priority(int priority) {
+    if (category_ != nullptr)
+        log4c_category_set_priority(category_, priority);
+}

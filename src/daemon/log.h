@@ -30,6 +30,9 @@ class tovrin_log_setup {
     // to the appender as is.
     static tovrin_log_setup open_custom(const log4c_appender_type_t *type, void *udata);
 
+    // Messages up to priority are written from now on (info when opened).
+    void set_priority(int priority);
+
     tovrin_log_setup(tovrin_log_setup &&other) noexcept;
     tovrin_log_setup &operator=(tovrin_log_setup &&) = delete;
     tovrin_log_setup(const tovrin_log_setup &) = delete;

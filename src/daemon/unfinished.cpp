@@ -3,7 +3,6 @@
 // shrinks as the subsystems arrive.
 
 #include "config/graph_dump.h"
-#include "config/reload.h"
 #include "config/state_dump.h"
 #include "supervise/inst.h"
 
@@ -11,8 +10,5 @@
 void tovrin_mq_snapshot(tovrin_inst *, const char *, const char *, const char *, int) {}
 
 // Unfinished.
-void tovrin_config_sighup(evutil_socket_t, short, void *) {}
-void tovrin_config_reload_check(evutil_socket_t, short, void *) {}
-void tovrin_config_reload_timeout(evutil_socket_t, short, void *) {}
 void tovrin_state_dump(evutil_socket_t, short, void *) {}
 void tovrin_graph_dump(evutil_socket_t, short, void *) {}

@@ -16,7 +16,10 @@ const log4c_appender_type_t capture_type = {"tovrin_test_capture", nullptr, capt
 
 }  // namespace
 
-log_capture::log_capture() : setup_(tovrin_log_setup::open_custom(&capture_type, &records_)) {}
+log_capture::log_capture(int priority)
+    : setup_(tovrin_log_setup::open_custom(&capture_type, &records_)) {
+    setup_.set_priority(priority);
+}
 
 std::vector<std::string> log_capture::messages() const {
     std::vector<std::string> out;

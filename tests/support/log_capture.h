@@ -23,7 +23,8 @@ inline std::ostream &operator<<(std::ostream &out, const log_record &record) {
 // messages and priorities byte for byte.
 class log_capture {
   public:
-    log_capture();
+    // Captures messages up to priority (info: what the daemon writes).
+    explicit log_capture(int priority = TOVRIN_LOG_INFO);
     log_capture(const log_capture &) = delete;
     log_capture &operator=(const log_capture &) = delete;
 

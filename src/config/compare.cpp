@@ -1,0 +1,231 @@
+#include "config/compare.h"
+
+#include <iterator>
+
+#include "daemon/log.h"
+#include "supervise/conn.h"
+
+namespace {
+
+// The four ways two lists can differ, in the order they are looked for.
+enum list_difference { LIST_ADDED, LIST_REMOVED, LIST_DIFFER, LIST_NUMBER };
+
+// Lists are equal when both are empty or they match element by element in
+// order. same(old, new) compares two elements (and may say why they differ);
+// say(difference, old element or null) reports the first difference found.
+template <typename List, typename Same, typename Say>
+bool same_list(const List &old_list, const List &new_list, Same same, Say say) {
+    auto o = std::begin(old_list), oe = std::end(old_list);
+    auto n = std::begin(new_list), ne = std::end(new_list);
+    if (o == oe && n != ne) {
+        say(LIST_ADDED, nullptr);
+        return false;
+    }
+    if (n == ne && o != oe) {
+        say(LIST_REMOVED, nullptr);
+        return false;
+    }
+    for (; o != oe && n != ne; ++o, ++n) {
+        if (!same(*o, *n)) {
+            say(LIST_DIFFER, &*o);
+            return false;
+        }
+    }
+    if (o != oe || n != ne) {
+        say(LIST_NUMBER, nullptr);
+        return false;
+    }
+    return true;
+}
+
+bool same_var(const char *conn, const std::unique_ptr<tovrin_var> &o,
+              const std::unique_ptr<tovrin_var> &n) {
+    const char *name = o->name.c_str();
+    if (o->name != n->name) {
+        tovrin_log(TOVRIN_LOG_DEBUG, "conn %s var %s name mismatch", conn, name);
+        return false;
+    }
+    if (o->type != n->type) {
+        tovrin_log(TOVRIN_LOG_DEBUG, "conn %s var %s type mismatch", conn, name);
+        return false;
+    }
+    if (o->type == TOVRIN_VAR_STORD) {
+        if (o->sub->stord_prefix != n->sub->stord_prefix) {
+            tovrin_log(TOVRIN_LOG_DEBUG, "conn %s var %s stord_prefix %s mismatch", conn, name,
+                       o->sub->stord_prefix.c_str());
+            return false;
+        }
+    } else if (o->value != n->value) {
+        tovrin_log(TOVRIN_LOG_DEBUG, "conn %s var %s value %s mismatch", conn, name,
+                   o->value.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool same_vars(const tovrin_conn *o, const tovrin_conn *n) {
+    const char *conn = o->name.c_str();
+    for (int i = 0; i < TOVRIN_N_VAR_LISTS; i++) {
+        bool same = same_list(
+            o->vars[i], n->vars[i],
+            [conn](const auto &a, const auto &b) { return same_var(conn, a, b); },
+            [conn](list_difference d, const void *) {
+                if (d == LIST_ADDED || d == LIST_REMOVED)
+                    tovrin_log(TOVRIN_LOG_DEBUG, "conn %s var mismatch", conn);
+                else if (d == LIST_NUMBER)
+                    tovrin_log(TOVRIN_LOG_DEBUG, "conn %s number of vars mismatch", conn);
+            });
+        if (!same)
+            return false;
+    }
+    return true;
+}
+
+bool same_file_deps(const tovrin_conn *o, const tovrin_conn *n) {
+    return same_list(
+        o->file_deps, n->file_deps,
+        [](const tovrin_file_dep &a, const tovrin_file_dep &b) {
+            return a.path == b.path && a.checksum == b.checksum;
+        },
+        [](list_difference d, const void *) {
+            switch (d) {
+                case LIST_ADDED:
+                    tovrin_log(TOVRIN_LOG_DEBUG, "File deps added");
+                    break;
+                case LIST_REMOVED:
+                    tovrin_log(TOVRIN_LOG_DEBUG, "File deps removed");
+                    break;
+                case LIST_DIFFER:
+                    tovrin_log(TOVRIN_LOG_DEBUG, "file deps changed");
+                    break;
+                case LIST_NUMBER:
+                    tovrin_log(TOVRIN_LOG_DEBUG, "number of file deps differ");
+                    break;
+            }
+        });
+}
+
+bool same_action(const std::unique_ptr<tovrin_action> &a, const std::unique_ptr<tovrin_action> &b) {
+    return a->type == b->type && a->command == b->command;
+}
+
+// Start, stop and test commands differ only in the word their messages use.
+bool same_actions(const char *conn, const char *kind, const tovrin_action_list &o,
+                  const tovrin_action_list &n) {
+    return same_list(o, n, same_action, [conn, kind](list_difference d, const void *) {
+        switch (d) {
+            case LIST_ADDED:
+                tovrin_log(TOVRIN_LOG_DEBUG, "conn %s %s actions changed (actions added)", conn,
+                           kind);
+                break;
+            case LIST_REMOVED:
+                tovrin_log(TOVRIN_LOG_DEBUG, "conn %s %s actions changed (actions removed)", conn,
+                           kind);
+                break;
+            case LIST_DIFFER:
+                tovrin_log(TOVRIN_LOG_DEBUG, "conn %s %s actions changed (actions differ)", conn,
+                           kind);
+                break;
+            case LIST_NUMBER:
+                tovrin_log(TOVRIN_LOG_DEBUG, "conn %s number of %s actions changed", conn, kind);
+                break;
+        }
+    });
+}
+
+bool same_link(const tovrin_link &a, const tovrin_link &b) {
+    return a.name == b.name;
+}
+
+void say_nothing(list_difference, const void *) {}
+
+}  // namespace
+
+int tovrin_conn_compare(const tovrin_conn *o, const tovrin_conn *n) {
+    const char *conn = o->name.c_str();
+    if (o->name != n->name) {
+        tovrin_log(TOVRIN_LOG_DEBUG, "conn name changed: %s != %s", conn, n->name.c_str());
+        return 0;
+    }
+    if (o->type != n->type) {
+        tovrin_log(TOVRIN_LOG_DEBUG, "conn %s type changed: %d != %d", conn, o->type, n->type);
+        return 0;
+    }
+    if (o->testperiod != n->testperiod) {
+        tovrin_log(TOVRIN_LOG_DEBUG, "conn %s test period changed: %d != %d", conn, o->testperiod,
+                   n->testperiod);
+        return 0;
+    }
+    if (o->testdelay != n->testdelay) {
+        tovrin_log(TOVRIN_LOG_DEBUG, "conn %s test delay changed: %d != %d", conn, o->testdelay,
+                   n->testdelay);
+        return 0;
+    }
+    if (o->testtimeout != n->testtimeout || o->testthreshold != n->testthreshold ||
+        o->commandtimeout != n->commandtimeout)
+        return 0;
+    if (o->log_mask != n->log_mask) {
+        tovrin_log(TOVRIN_LOG_DEBUG, "conn %s log mask changed", conn);
+        return 0;
+    }
+    if (o->is_deaf != n->is_deaf) {
+        tovrin_log(TOVRIN_LOG_DEBUG, "conn %s is_deaf changed", conn);
+        return 0;
+    }
+    if (!same_vars(o, n) || !same_file_deps(o, n) ||
+        !same_actions(conn, "start", o->start_actions, n->start_actions) ||
+        !same_actions(conn, "stop", o->stop_actions, n->stop_actions) ||
+        !same_actions(conn, "test", o->test_actions, n->test_actions) ||
+        !same_list(o->up_actions, n->up_actions, same_action, say_nothing))
+        return 0;
+
+    bool same_parents =
+        same_list(o->parents, n->parents, same_link, [conn](list_difference d, const void *) {
+            switch (d) {
+                case LIST_ADDED:
+                    tovrin_log(TOVRIN_LOG_DEBUG, "conn %s parents changed (added)", conn);
+                    break;
+                case LIST_REMOVED:
+                    tovrin_log(TOVRIN_LOG_DEBUG, "conn %s parents changed (removed)", conn);
+                    break;
+                case LIST_DIFFER:
+                    tovrin_log(TOVRIN_LOG_DEBUG, "conn %s parents changed (differ)", conn);
+                    break;
+                case LIST_NUMBER:
+                    tovrin_log(TOVRIN_LOG_DEBUG, "conn %s number of parents changed", conn);
+                    break;
+            }
+        });
+    if (!same_parents)
+        return 0;
+    bool same_children =
+        same_list(o->children, n->children, same_link, [conn](list_difference d, const void *e) {
+            switch (d) {
+                case LIST_ADDED:
+                    tovrin_log(TOVRIN_LOG_INFO, "conn %s children changed (added)", conn);
+                    break;
+                case LIST_REMOVED:
+                    tovrin_log(TOVRIN_LOG_DEBUG, "conn %s children changed (removed)", conn);
+                    break;
+                case LIST_DIFFER:
+                    tovrin_log(TOVRIN_LOG_DEBUG, "conn %s child %s name changed", conn,
+                               static_cast<const tovrin_link *>(e)->name.c_str());
+                    break;
+                case LIST_NUMBER:
+                    tovrin_log(TOVRIN_LOG_DEBUG, "conn %s number of children changed", conn);
+                    break;
+            }
+        });
+    if (!same_children)
+        return 0;
+    if (o->group_name != n->group_name)
+        return 0;
+    if (o->type == TOVRIN_CONN)
+        return 1;
+    if (!same_list(o->members, n->members, same_link, say_nothing))
+        return 0;
+    if (o->failforwardperiod != n->failforwardperiod || o->failovertimeout != n->failovertimeout ||
+        o->mutex != n->mutex)
+        return 0;
+    return 1;
+}
