@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "daemon/log.h"
+#include "platform/unique_file.h"
 #include "supervise/conn.h"
 
 namespace {
@@ -36,11 +37,6 @@ uint32_t crc32_update(uint32_t crc, const unsigned char *bytes, size_t n) {
     return c ^ 0xFFFFFFFFu;
 }
 
-// Closes a stream opened here when it goes.
-struct file_closer {
-    void operator()(FILE *f) const { fclose(f); }
-};
-
 }  // namespace
 
 int tovrin_file_crc32(FILE *stream, uint32_t *checksum) {
@@ -67,7 +63,7 @@ std::optional<tovrin_file_dep> tovrin_file_dep_new(const char *path) {
         return std::nullopt;
     }
     // A file that cannot be opened is not an error: it counts as empty.
-    std::unique_ptr<FILE, file_closer> file(fopen(path, "rb"));
+    unique_file file(fopen(path, "rb"));
     if (file != nullptr && tovrin_file_crc32(file.get(), &dep.checksum) == -1)
         dep.checksum = 0;
     return dep;

@@ -11,14 +11,11 @@
 #include "config/fixup.h"
 #include "config/pending.h"
 #include "daemon/log.h"
+#include "platform/unique_file.h"
 #include "supervise/conn.h"
 #include "supervise/inst.h"
 
 namespace {
-
-struct file_closer {
-    void operator()(FILE *file) const { fclose(file); }
-};
 
 // A line is read in pieces of at most this many bytes; each further piece
 // of a longer line is parsed as a line of its own.
@@ -156,7 +153,7 @@ int tovrin_config_load(tovrin_inst *inst, tovrin_config_handover handover) {
         tovrin_log(TOVRIN_LOG_FATAL, "Config path %s doesn't exist...", path);
         return -1;
     }
-    std::unique_ptr<FILE, file_closer> file(fopen(path, "re"));
+    unique_file file(fopen(path, "re"));
     if (file == nullptr) {
         tovrin_log(TOVRIN_LOG_FATAL, "Failed to open %s for reading", path);
         return -1;
