@@ -28,15 +28,9 @@ class Failover : public ::testing::Test {
         t.take_store_requests();
     }
 
-    void dispatch() {
-        for (int turns = 0; turns < 1000 && !t.inst.message_queue.empty(); turns++)
-            event_base_loop(t.inst.base.get(), EVLOOP_NONBLOCK);
-        ASSERT_TRUE(t.inst.message_queue.empty());
-    }
+    void dispatch() { ASSERT_TRUE(t.dispatch()); }
 
-    void deliver(const std::string &name, int type) {
-        tovrin_conn_deliver_message(&t.inst, nullptr, t.conn(name), type);
-    }
+    void deliver(const std::string &name, int type) { t.deliver(name, type); }
 
     // Starts the group and lets everything settle.
     void start_group() {

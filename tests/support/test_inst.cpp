@@ -6,6 +6,7 @@
 
 #include "config/fixup.h"
 #include "config/load.h"
+#include "supervise/message_queue.h"
 
 test_inst::test_inst() : paths(tovrin_paths_sandbox(root.path())) {
     int pair[2];
@@ -26,6 +27,20 @@ void test_inst::write_config(const std::string &text) const {
 
 int test_inst::load() {
     return tovrin_config_load(&inst, tovrin_config_move);
+}
+
+bool test_inst::dispatch() {
+    for (int turns = 0; turns < 1000; turns++) {
+        bool quiet = inst.message_queue.empty();
+        event_base_loop(inst.base.get(), EVLOOP_NONBLOCK);
+        if (quiet && inst.message_queue.empty())
+            return true;
+    }
+    return false;
+}
+
+void test_inst::deliver(const std::string &name, int type) {
+    tovrin_conn_deliver_message(&inst, nullptr, conn(name), type);
 }
 
 std::vector<std::string> test_inst::take_store_requests() {

@@ -22,6 +22,12 @@ class test_inst {
     void write_config(const std::string &text) const;
     // Loads the configuration file and puts it into force, as start-up does.
     int load();
+    // Runs the loop until a turn passes with no message queued before or
+    // after it (activated events such as the reload check have then run);
+    // false when messages still come after 1,000 turns.
+    bool dispatch();
+    // Queues a message from the daemon to the conn in force named name.
+    void deliver(const std::string &name, int type);
     // The conn in force named name, or null (without logging).
     tovrin_conn *conn(const std::string &name) { return inst.conns.find(name); }
     // The bodies of the store requests made since the last call, oldest
