@@ -2,8 +2,9 @@
 # Runs the daemon's main job on the built-in example: the stand-in store and
 # tovrin-sandbox on examples/tovrin.conf in a private root. Shows the conns
 # coming up in dependency order (live status lines from storectl watch), a
-# failing test restarting its conn, an operator restart, and a clean stop of
-# everything the daemon started.
+# failing test restarting its conn, an operator restart, the uplinks failing
+# over and forward again, a reload that restarts only the edited conn, the
+# state dump and the graph, and a clean stop of everything the daemon started.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh build
@@ -75,6 +76,42 @@ from=$(mark)
 ctl cmd monitor,cli,restart
 wait_passed "$from" tovrin.monitor.status down
 wait_for tovrin.monitor.status up
+
+step "wan1's link goes away: the uplinks fail over to wan2, the vpn follows"
+rm -f "$root/links/wan1"
+wait_for tovrin.uplinks.active-connection-name wan2
+wait_for tovrin.monitor.status up
+echo "    active uplink: $(ctl get tovrin.uplinks.active-connection-name)"
+
+step "wan1 is healthy again: after failforwardperiod (8 s) the uplinks fail forward"
+wait_for tovrin.uplinks.active-connection-name wan1
+wait_for tovrin.monitor.status up
+echo "    active uplink: $(ctl get tovrin.uplinks.active-connection-name)"
+
+step "the monitor's test period is edited and the daemon gets SIGHUP: only the monitor restarts"
+from=$(mark)
+sed -i '/^conn monitor/,$ s/testperiod 10/testperiod 9/' "$root/etc/config/tovrin.conf"
+kill -HUP "$daemon_pid"
+wait_passed "$from" tovrin.monitor.status down
+wait_for tovrin.monitor.status up
+if tail -n +"$((from + 1))" "$root/stord.journal" | grep -q " set tovrin.vpn.status "; then
+    echo "the vpn was touched by the reload" >&2
+    exit 1
+fi
+echo "    the vpn and the uplinks kept running untouched"
+
+step "SIGUSR1 writes the state dump, SIGUSR2 the graph (rendered with dot)"
+rm -f "$root/tmp/tovrin.conf" "$root/tmp/tovrin.dot"
+kill -USR1 "$daemon_pid"
+kill -USR2 "$daemon_pid"
+for _ in $(seq 200); do
+    grep -q "^# No new conns pending merge" "$root/tmp/tovrin.conf" 2>/dev/null &&
+        grep -q "^}" "$root/tmp/tovrin.dot" 2>/dev/null && break
+    sleep 0.05
+done
+sed -n '/^orderedgroup uplinks/,/^$/p' "$root/tmp/tovrin.conf" | sed 's/^/    /'
+dot -Tsvg "$root/tmp/tovrin.dot" -o "$root/tmp/tovrin.svg"
+echo "    graph: $(grep -c -- '->' "$root/tmp/tovrin.dot") edges, rendered to $(wc -c < "$root/tmp/tovrin.svg") bytes of SVG"
 
 step "stopping everything: keepalive off, then the uplinks (children go first)"
 ctl cmd tovrin,cli,stop_keepalive
