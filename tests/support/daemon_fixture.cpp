@@ -1,5 +1,7 @@
 #include "support/daemon_fixture.h"
 
+#include <signal.h>
+
 #include <algorithm>
 
 using namespace std::chrono_literals;
@@ -32,6 +34,26 @@ std::optional<journal_set> set_parse(const std::string &line) {
 bool ends_with(const std::string &text, const std::string &suffix) {
     return text.size() >= suffix.size() &&
            text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// The conn whose status key is key, "tovrin.NAME.status"; nullopt for any
+// other key.
+std::optional<std::string> status_key_name(const std::string &key) {
+    const std::string prefix = "tovrin.";
+    const std::string suffix = ".status";
+    if (key.rfind(prefix, 0) != 0 || !ends_with(key, suffix) ||
+        key.size() <= prefix.size() + suffix.size())
+        return std::nullopt;
+    return key.substr(prefix.size(), key.size() - prefix.size() - suffix.size());
+}
+
+// The key of a delete as the store journals it, "CONN delete KEY".
+std::optional<std::string> delete_parse(const std::string &line) {
+    size_t verb = line.find(' ');
+    const std::string word = " delete ";
+    if (verb == std::string::npos || line.compare(verb, word.size(), word) != 0)
+        return std::nullopt;
+    return line.substr(verb + word.size());
 }
 
 }  // namespace
@@ -137,4 +159,48 @@ std::string daemon_fixture::trace() const {
 
 void daemon_fixture::command(const std::string &text) {
     store_->set("config.tovrin.command", text);
+}
+
+void daemon_fixture::reload_send(const std::string &config) {
+    root_.write_file("etc/config/tovrin.conf", config);
+    daemon_->kill(SIGHUP);
+}
+
+bool daemon_fixture::reload(const std::string &config, std::chrono::milliseconds timeout) {
+    auto ended = [&] {
+        return log_count("Finished Reloading Config") + log_count("Failed To Load Config");
+    };
+    const int before = ended();
+    reload_send(config);
+    return wait_until([&] { return ended() > before; }, timeout);
+}
+
+size_t daemon_fixture::journal_mark() const {
+    return store_->journal().size();
+}
+
+size_t daemon_fixture::log_mark() const {
+    return sandbox_.log_messages().size();
+}
+
+daemon_fixture::strings daemon_fixture::log_from(size_t mark) const {
+    strings messages = sandbox_.log_messages();
+    if (mark >= messages.size())
+        return {};
+    return strings(messages.begin() + static_cast<long>(mark), messages.end());
+}
+
+daemon_fixture::strings daemon_fixture::status_events_from(size_t mark) const {
+    strings journal = store_->journal();
+    strings out;
+    for (size_t i = mark; i < journal.size(); i++) {
+        if (std::optional<journal_set> set = set_parse(journal[i]); set && set->flag == "2") {
+            if (std::optional<std::string> name = status_key_name(set->key))
+                out.push_back(*name + " " + set->value);
+        } else if (std::optional<std::string> key = delete_parse(journal[i])) {
+            if (std::optional<std::string> name = status_key_name(*key))
+                out.push_back(*name + " deleted");
+        }
+    }
+    return out;
 }

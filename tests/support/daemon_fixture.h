@@ -54,6 +54,26 @@ class daemon_fixture : public ::testing::Test {
     // Sends a control command as an operator would, "NAME,SOURCE,ACTION".
     void command(const std::string &text);
 
+    // Replaces the configuration file with config and sends the daemon
+    // SIGHUP, without waiting. The daemon handles the signal only once its
+    // loop runs: call this after a first status was published.
+    void reload_send(const std::string &config);
+    // reload_send, then true once one more reload has ended, finished
+    // ("Finished Reloading Config") or refused ("Failed To Load Config"),
+    // than had before; false after timeout.
+    bool reload(const std::string &config,
+                std::chrono::milliseconds timeout = std::chrono::seconds(15));
+
+    // How many complete journal lines and log messages there are so far:
+    // marks for the *_from readers below.
+    size_t journal_mark() const;
+    size_t log_mark() const;
+    // The log messages from the mark-th on.
+    strings log_from(size_t mark) const;
+    // From the mark-th journal line on, in order: "name state" for every
+    // status set and "name deleted" for every status key deleted.
+    strings status_events_from(size_t mark) const;
+
     temp_dir root_;
     sandbox sandbox_{root_};
     std::optional<stord_harness> store_;
