@@ -103,15 +103,13 @@ void conn_start_up_commands(tovrin_conn *conn) {
     send_self(conn, TOVRIN_MSG_CHECK_START);
 }
 
-// Testing begins: a fresh count of runs, the first after testdelay.
+// Testing begins: the first run after testdelay. A plain conn keeps the
+// counts of its earlier runs; only a group starts them afresh.
 void conn_tests_begin(tovrin_conn *conn) {
-    if (!conn->test_actions.empty()) {
-        conn->n_test_failures = 0;
-        conn->n_test_passes = 0;
+    if (!conn->test_actions.empty())
         tovrin_conn_schedule_tests(conn, conn->testdelay);
-    } else {
+    else
         send_self(conn, TOVRIN_MSG_CHECK_START);
-    }
 }
 
 void conn_set_tested(tovrin_conn *conn) {
@@ -217,6 +215,10 @@ void group_start_testing(tovrin_conn *group) {
         return;
     }
     state_set(group, TOVRIN_STATE_TESTING);
+    if (!group->test_actions.empty()) {
+        group->n_test_failures = 0;
+        group->n_test_passes = 0;
+    }
     conn_tests_begin(group);
 }
 
@@ -527,12 +529,16 @@ void tovrin_conn_restart(tovrin_conn *conn) {
 
 void tovrin_group_abandon_failover(tovrin_conn *group) {
     group->currently_failing_over = 0;
-    if (!is_group(group) || (group->current_state != TOVRIN_STATE_STOPPING_MEMBERS &&
-                             group->current_state != TOVRIN_STATE_STOPPING))
+    // Only here would the group wait for good: in stopping members it has
+    // stopped its active member alone, and now waits for every member, while
+    // the standbys it left running have no reason ever to stop.
+    if (!is_group(group) || group->current_state != TOVRIN_STATE_STOPPING_MEMBERS)
         return;
     for (const tovrin_link &link : group->members) {
+        if (link.name == group->active_conn_name)
+            continue;
         tovrin_conn *member = find(group, link.name);
-        if (member != nullptr && member->current_state != TOVRIN_STATE_DOWN)
+        if (member != nullptr && tovrin_conn_is_active(member))
             send(group, member, TOVRIN_MSG_STOP);
     }
 }

@@ -12,7 +12,7 @@ void tovrin_group_stop(tovrin_conn *group);
 void tovrin_group_member_down(tovrin_conn *group);
 
 // Ends a failover before the group's stop could finish it, keeping the
-// active member. A failover stops the active member only; once it is
-// abandoned the group waits for every member, so those it left running are
-// told to stop too.
+// active member. A group already stopping its members had stopped the active
+// one alone; the standbys still running are told to stop as well, since the
+// group now waits for all of them.
 void tovrin_group_abandon_failover(tovrin_conn *group);
