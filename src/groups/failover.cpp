@@ -78,9 +78,10 @@ void arm(tovrin_conn *group, group_timer timer, int seconds) {
                        SITE_FAILFORWARD_ALREADY_SCHEDULED, name, group->type);
         return;
     }
-    slot.set(group->inst->base.get(), -1, 0,
-             timer == FAILOVER ? tovrin_group_failover_timeout : tovrin_group_failforward_timeout,
-             group);
+    if (timer == FAILOVER)
+        slot.set<tovrin_group_failover_timeout>(group->inst->base.get(), -1, 0, group);
+    else
+        slot.set<tovrin_group_failforward_timeout>(group->inst->base.get(), -1, 0, group);
     slot.add_seconds(seconds < 0 ? 0 : seconds);
 }
 
@@ -306,6 +307,34 @@ void tovrin_group_failforward(tovrin_conn *group) {
     restart_failing_over(group);
 }
 
+namespace {
+
+// Whether the restart an operator's failover gives the active member would
+// leave member and group stuck: a member that has started but never came up
+// goes to waiting to stop, where the group gate holds the active member for
+// as long as the group runs, and it never reports leaving up. Unless the
+// group's failover timer is still to fire, nothing would move either again.
+bool external_failover_sticks(tovrin_conn *group, const tovrin_conn *member) {
+    if (group->type != TOVRIN_ORDEREDGROUP || group->failover_event.pending())
+        return false;
+    switch (group->current_state) {
+        case TOVRIN_STATE_STARTING:
+        case TOVRIN_STATE_STARTING_UP_COMMANDS:
+        case TOVRIN_STATE_TESTING:
+        case TOVRIN_STATE_TESTED:
+        case TOVRIN_STATE_UP:
+        case TOVRIN_STATE_STARTING_MEMBERS:
+            break;
+        default:
+            return false;
+    }
+    return tovrin_conn_is_active(member) &&
+           member->current_state != TOVRIN_STATE_WAITING_TO_START &&
+           member->current_state != TOVRIN_STATE_UP;
+}
+
+}  // namespace
+
 int tovrin_conn_external_failover(tovrin_conn *conn) {
     if (logs(conn, TOVRIN_LOG_EXTERNALCOMMANDS))
         tovrin_log(TOVRIN_LOG_INFO, "external failover command received for %s",
@@ -314,11 +343,7 @@ int tovrin_conn_external_failover(tovrin_conn *conn) {
         // A missing member is logged by the lookup and the message dropped.
         tovrin_conn *member = tovrin_conn_find(conn->inst, conn->active_conn_name);
         tovrin_conn_deliver_message(conn->inst, nullptr, member, TOVRIN_MSG_RESTART);
-        // A member that never came up will never report leaving up, and the
-        // group gate holds it in its stop while the group runs: the group is
-        // told of the failure itself, or the operator's failover would do
-        // nothing.
-        if (member != nullptr && member->current_state != TOVRIN_STATE_UP)
+        if (member != nullptr && external_failover_sticks(conn, member))
             tovrin_conn_deliver_message(conn->inst, member, conn, TOVRIN_MSG_MEMBER_FAILED);
     }
     return 0;

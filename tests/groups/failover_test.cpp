@@ -450,22 +450,41 @@ TEST_F(Failover, AStopDuringAFailoverStopsTheStandbysItHadLeftRunning) {
     EXPECT_EQ(group()->active_conn_name, "m1");
 }
 
-TEST_F(Failover, ExternalFailoverMovesOnFromAnActiveMemberThatNeverCameUp) {
-    load(
-        "orderedgroup g\n\tmember m1\n\tmember m2\n\tmutex\n\tfailovertimeout 0\n"
-        "conn m1\nconn m2\n");
-    start_group();
-    // Held in its stop by the group gate, as a member failing its first
-    // tests is; it never left up, so it never reports a failure.
-    t.conn("m1")->current_state = TOVRIN_STATE_WAITING_TO_STOP;
+// m1 has started but sits in testing: the operator's failover restarts it,
+// and the group gate holds it in waiting to stop while the group runs. The
+// group moves on when its failover timer fires; without that timer nothing
+// else would ever move it, so the group is told of the failure at once.
+class ExternalFailover : public Failover, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(ExternalFailover, OnAMemberThatNeverCameUp) {
+    const bool timer = GetParam();
+    load(std::string("orderedgroup g\n\tmember m1\n\tmember m2\n\tmutex\n\tfailovertimeout ") +
+         (timer ? "30" : "0") + "\nconn m1\n\ttest /bin/true\nconn m2\n");
+    deliver("g", TOVRIN_MSG_START);
+    dispatch();
+    ASSERT_EQ(state("m1"), TOVRIN_STATE_TESTING);
+    ASSERT_EQ(state("g"), TOVRIN_STATE_STARTING_MEMBERS);
     log_capture log;
     tovrin_conn_external_failover(group());
     dispatch();
-    EXPECT_TRUE(log.contains(TOVRIN_LOG_INFO, "group g has failed"));
+    if (timer) {
+        EXPECT_EQ(state("m1"), TOVRIN_STATE_WAITING_TO_STOP);
+        EXPECT_EQ(group()->active_conn_name, "m1");
+        EXPECT_FALSE(log.contains(TOVRIN_LOG_INFO, "group g has failed"));
+        ASSERT_TRUE(group()->failover_event.pending());
+        tovrin_group_failover_timeout(-1, 0, group());
+        dispatch();
+        EXPECT_TRUE(
+            log.contains(TOVRIN_LOG_INFO, "group g member m1 failed to come up before timeout"));
+    } else {
+        EXPECT_TRUE(log.contains(TOVRIN_LOG_INFO, "group g has failed"));
+    }
     EXPECT_EQ(group()->active_conn_name, "m2");
     EXPECT_EQ(state("m2"), TOVRIN_STATE_UP);
     EXPECT_EQ(state("m1"), TOVRIN_STATE_DOWN);
 }
+
+INSTANTIATE_TEST_SUITE_P(FailoverTimer, ExternalFailover, ::testing::Bool());
 
 TEST_F(Failover, StopAndRestartMessagesCancelAWaitingFailforward) {
     load(three_members);
