@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
-#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -155,9 +155,17 @@ tovrin_conn *conn_active_member(tovrin_conn *conn) {
 
 enum class search_kind { first, all };
 
-// One search for one name: the text collected so far and the conns met. The
-// walk keeps its own stack, so its depth is bounded by the number of conns
-// and not by the thread's stack.
+// The most conns one expansion visits. Every path through the ancestry is
+// walked, so an ancestry built of diamonds holds far more paths than conns;
+// the bound keeps such a configuration from holding the loop. It is ten
+// times the largest configuration the daemon is built for, so an ancestry in
+// which no conn is reached by more than ten paths is always searched whole,
+// and the worst case stays within a few tens of milliseconds.
+constexpr long max_visits = 100000;
+
+// One search for one name: the text collected so far and the path walked.
+// The walk keeps its own stack, so its depth is bounded by the number of
+// conns and not by the thread's stack.
 class var_search {
   public:
     var_search(const std::string &name, std::optional<std::string> text, bool &found)
@@ -177,7 +185,7 @@ class var_search {
     };
 
     bool enter(tovrin_conn *conn);
-    void leave(tovrin_conn *conn) { met_[conn] = false; }
+    void leave(tovrin_conn *conn) { path_.erase(conn); }
     void look_in(tovrin_conn *conn) {
         text_ = tovrin_var_lookup_local(conn, name_, std::move(text_), found_);
     }
@@ -186,23 +194,36 @@ class var_search {
     const std::string &name_;
     std::optional<std::string> text_;
     bool &found_;
-    // Every conn met so far, mapped to whether it is on the path being walked.
-    std::unordered_map<const tovrin_conn *, bool> met_;
+    // The conns of the path being walked: a conn met again on its own path
+    // is its own ancestor, and following it would never end.
+    std::unordered_set<const tovrin_conn *> path_;
+    long visits_ = 0;
+    bool cut_ = false;
     bool cycle_reported_ = false;
 };
 
-// Whether conn is met for the first time. Meeting a conn that is still on
-// the path is a cycle in the configuration; one report per search is enough.
+// Puts conn on the path and counts the visit; false when conn is already on
+// the path (a cycle, reported once per search) or the search has run out of
+// visits (reported when it happens).
 bool var_search::enter(tovrin_conn *conn) {
-    auto [it, first_time] = met_.try_emplace(conn, true);
-    if (first_time)
-        return true;
-    if (it->second && !cycle_reported_) {
-        tovrin_log(TOVRIN_LOG_FATAL, "variable search for %s found a cycle through conn %s",
-                   name_.c_str(), conn->name.c_str());
-        cycle_reported_ = true;
+    if (cut_)
+        return false;
+    if (path_.count(conn) != 0) {
+        if (!cycle_reported_) {
+            tovrin_log(TOVRIN_LOG_FATAL, "variable search for %s found a cycle through conn %s",
+                       name_.c_str(), conn->name.c_str());
+            cycle_reported_ = true;
+        }
+        return false;
     }
-    return false;
+    if (++visits_ > max_visits) {
+        tovrin_log(TOVRIN_LOG_FATAL, "variable search for %s stopped after visiting %ld conns",
+                   name_.c_str(), max_visits);
+        cut_ = true;
+        return false;
+    }
+    path_.insert(conn);
+    return true;
 }
 
 void var_search::local(tovrin_conn *conn) {
@@ -238,7 +259,7 @@ void var_search::descend(std::vector<frame> &stack, tovrin_conn *conn) {
 void var_search::tree(tovrin_conn *start, search_kind kind) {
     std::vector<frame> stack;
     descend(stack, start);
-    while (!stack.empty()) {
+    while (!stack.empty() && !cut_) {
         frame &top = stack.back();
         if (kind == search_kind::first && found_) {
             leave(top.conn);
@@ -263,6 +284,8 @@ void var_search::tree(tovrin_conn *start, search_kind kind) {
         if (next != nullptr)
             descend(stack, next);
     }
+    for (const frame &f : stack)
+        leave(f.conn);
 }
 
 void var_search::parents_all(tovrin_conn *conn) {

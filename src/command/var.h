@@ -60,11 +60,13 @@ void tovrin_conn_vars_free(tovrin_conn *conn);
 std::optional<std::string> tovrin_var_lookup_local(tovrin_conn *conn, const std::string &name,
                                                    std::optional<std::string> text, bool &found);
 
-// The lookup strategies. Each call is one search: it visits every conn at
-// most once, so parents that form a cycle end the walk (reported once, at
-// priority 0, as "variable search for NAME found a cycle through conn CONN")
-// and a shared ancestor is searched once. Names that do not resolve are
-// logged and skipped. May throw std::bad_alloc.
+// The lookup strategies. Each walks every path through the ancestry, so a
+// conn reached by two paths is searched twice; a conn met again on its own
+// path (parents that form a cycle) is skipped, reported once per search at
+// priority 0 as "variable search for NAME found a cycle through conn CONN",
+// and a search that has visited 100,000 conns stops where it is, reported
+// once. Names that do not resolve are logged and skipped. May throw
+// std::bad_alloc.
 //
 // The conn, then its active member and so on down a chain of groups.
 std::optional<std::string> tovrin_var_search_local(tovrin_conn *conn, const std::string &name,

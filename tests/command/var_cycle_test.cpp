@@ -162,6 +162,31 @@ TEST_F(LongChain, ClosedIntoARingItEndsWithOneReport) {
     EXPECT_EQ(log.records(), (std::vector<log_record>{{TOVRIN_LOG_FATAL, cycle_message("c0")}}));
 }
 
+// Forty diamonds in a row hold 2^40 paths to the top: the search stops at
+// its bound, says so once, and keeps what it collected.
+TEST(VarDiamonds, ALadderOfDiamondsIsCutShortOnce) {
+    world w;
+    const int rungs = 40;
+    for (int i = 0; i < rungs; i++) {
+        std::string next = "j" + std::to_string(i + 1);
+        w.add("j" + std::to_string(i), TOVRIN_CONN,
+              {"l" + std::to_string(i), "r" + std::to_string(i)});
+        w.add("l" + std::to_string(i), TOVRIN_CONN, {next});
+        w.add("r" + std::to_string(i), TOVRIN_CONN, {next});
+    }
+    ASSERT_EQ(tovrin_conn_add_var(w.add("j" + std::to_string(rungs)), "x", "t"), 0);
+    log_capture log;
+    std::optional<std::string> all = tovrin_var_expand(w.find("j0"), "all:x");
+    ASSERT_TRUE(all.has_value());
+    EXPECT_EQ(all->substr(0, 4), "t t ");
+    EXPECT_EQ(tovrin_var_expand(w.find("j0"), "nothing"), std::nullopt);
+    const log_record cut{TOVRIN_LOG_FATAL,
+                         "variable search for x stopped after visiting 100000 conns"};
+    const log_record cut_nothing{TOVRIN_LOG_FATAL,
+                                 "variable search for nothing stopped after visiting 100000 conns"};
+    EXPECT_EQ(log.records(), (std::vector<log_record>{cut, cut_nothing}));
+}
+
 TEST(VarChains, LongChainOfActiveMembersIsFollowed) {
     world w;
     const int length = 10000;

@@ -300,11 +300,11 @@ class Strategies : public Variables {
         var(add("deep"), "x", "deep");
         // A plain conn's active member name means nothing.
         add("odd", TOVRIN_CONN)->active_conn_name = "m1";
-        // A diamond: the shared ancestor is searched once.
+        // A diamond: the shared ancestor is searched once per path.
         add("dia", TOVRIN_CONN, {"left", "right"});
         add("left", TOVRIN_CONN, {"top"});
         add("right", TOVRIN_CONN, {"top"});
-        var(add("top"), "x", "top");
+        var(add("top", TOVRIN_CONN, {"ghost"}), "x", "top");
     }
 
     void var(tovrin_conn *conn, const std::string &name, const std::string &value) {
@@ -368,9 +368,11 @@ TEST_F(Strategies, EachStrategyVisitsItsHolders) {
         // Names that do not resolve are reported and skipped.
         {"ghostkid", "x", "p2", {"couldn't find conn: ghost"}},
         {"ghostkid", "all:x", "p2", {"couldn't find conn: ghost"}},
-        // A diamond is not a cycle; its top is searched once.
+        // A diamond is not a cycle: its top is searched on both paths.
         {"dia", "x", "top", {}},
-        {"dia", "all:x", "top", {}},
+        {"dia", "all:x", "top top", {}},
+        {"dia", "parents_all:x", "top top", {}},
+        {"dia", "y", std::nullopt, {"couldn't find conn: ghost", "couldn't find conn: ghost"}},
     };
     for (const strategy_case &c : cases) {
         SCOPED_TRACE(std::string(c.conn) + " " + c.reference);
@@ -405,6 +407,20 @@ TEST_F(Strategies, UnknownStrategyIsReportedUnderTheDebugWordOfTheTokenizedConn)
                       {TOVRIN_LOG_INFO, "Looking for var x in index 0"},
                   }));
     }
+}
+
+TEST_F(Strategies, DebugLinesFollowEveryPathThroughADiamond) {
+    find("top")->log_mask = TOVRIN_LOG_DEBUG_WORD;
+    const log_record ghost{TOVRIN_LOG_FATAL, "couldn't find conn: ghost"};
+    const log_record look_y{TOVRIN_LOG_INFO, "Looking for var y in index 1"};
+    const log_record look_x{TOVRIN_LOG_INFO, "Looking for var x in index 0"};
+    const log_record found_x{TOVRIN_LOG_INFO, "Found x - comparing to x"};
+    log_capture log;
+    EXPECT_EQ(tovrin_var_expand(find("dia"), "first:y"), std::nullopt);
+    EXPECT_EQ(log.records(), (std::vector<log_record>{look_y, ghost, look_y, ghost}));
+    log.clear();
+    EXPECT_EQ(tovrin_var_expand(find("dia"), "all:x"), maybe("top top"));
+    EXPECT_EQ(log.records(), (std::vector<log_record>{look_x, found_x, look_x, found_x}));
 }
 
 TEST_F(Strategies, SearchFunctionsReportWhetherTheyFound) {
