@@ -1,6 +1,7 @@
 #include "store/command.h"
 
 #include <cstring>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -58,9 +59,15 @@ int command_split(std::string_view text, std::string fields[3]) {
 
 }  // namespace
 
-int tovrin_handle_command(tovrin_inst *inst, const char *command) {
+int tovrin_handle_command(tovrin_inst *inst, std::string_view command) {
     std::string fields[3];
-    if (command == nullptr || command_split(command, fields) < 3) {
+    int n_fields = 0;
+    try {
+        n_fields = command_split(command, fields);
+    } catch (const std::bad_alloc &) {
+        return -1;
+    }
+    if (n_fields < 3) {
         tovrin_log(TOVRIN_LOG_FATAL, "invalid control message received");
         return -1;
     }

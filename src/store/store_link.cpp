@@ -48,9 +48,11 @@ std::string request_format(int type, const char *key, int flag, const char *valu
     exit(1);
 }
 
-// Hands a complete notification body to its reader.
+// Hands a complete notification body to its reader. The body is a C string:
+// nothing behind its first NUL is part of the notification.
 void notification_dispatch(tovrin_inst *inst, const char *body, size_t length) {
-    tovrin_notification n = tovrin_notification_parse(std::string_view(body, length));
+    tovrin_notification n =
+        tovrin_notification_parse(std::string_view(body, strnlen(body, length)));
     if (n.type != TOVRIN_STORE_VALUE)
         return;
     if (n.key.empty() || n.value.empty()) {
@@ -58,22 +60,27 @@ void notification_dispatch(tovrin_inst *inst, const char *body, size_t length) {
         return;
     }
 
-    std::string value(n.value);
     size_t command_key_length = strlen(inst->command_key);
     if (n.key.compare(0, command_key_length, inst->command_key) == 0) {
-        if (tovrin_handle_command(inst, value.c_str()) != 0)
+        if (tovrin_handle_command(inst, n.value) != 0)
             tovrin_log(TOVRIN_LOG_FATAL, "error handling stord message");
         return;
     }
 
     bool updated = false;
+    bool copied = true;
     for (tovrin_var_sub &sub : inst->store_vars) {
-        if (sub.stord_prefix == n.key) {
-            sub.current_val = value;
-            updated = true;
+        if (sub.stord_prefix != n.key)
+            continue;
+        updated = true;
+        sub.current_val.reset();
+        try {
+            sub.current_val.emplace(n.value);
+        } catch (const std::bad_alloc &) {
+            copied = false;
         }
     }
-    if (!updated)
+    if (!updated || !copied)
         tovrin_log(TOVRIN_LOG_FATAL, "error handling stord message");
 }
 
