@@ -4,6 +4,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "command/var.h"
 #include "config/compare.h"
 #include "config/fixup.h"
 #include "config/load.h"
@@ -152,7 +153,10 @@ void tovrin_config_reload_merge(tovrin_inst *inst) {
         tovrin_conn *namesake = nullptr;
         switch (fate_of(inst, *old, &namesake)) {
             case CONN_KEPT:
+                // The duplicate's subscriptions are cancelled now, in the
+                // order of the conns; the record itself goes below.
                 doomed.push_back(inst->new_conns.unlink(namesake));
+                tovrin_conn_vars_free(doomed.back().get());
                 continue;
             case CONN_REMOVED:
                 tovrin_log(TOVRIN_LOG_INFO, "removing old conn: %s", old->name.c_str());
@@ -164,6 +168,7 @@ void tovrin_config_reload_merge(tovrin_inst *inst) {
         std::unique_ptr<tovrin_conn> gone = inst->conns.unlink(old);
         gone->test_event.del();
         tovrin_remove_status(gone.get());
+        tovrin_conn_vars_free(gone.get());
         doomed.push_back(std::move(gone));
     }
     conns_free(inst, std::move(doomed));
