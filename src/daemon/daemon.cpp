@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <new>
 
 #include "config/fixup.h"
 #include "config/graph_dump.h"
@@ -32,43 +33,47 @@ tovrin_log_setup log_open(const tovrin_paths &paths) {
     return tovrin_log_setup::open_file(paths.log_file.c_str());
 }
 
-// Publishes every conn's first status, then starts the conns nothing
-// depends on; the others are started when their children ask.
+// Publishes each conn's first status and starts it when nothing depends on
+// it, conn by conn; the others are started when their children ask.
 void conns_first_start(tovrin_inst *inst) {
-    for (tovrin_conn &conn : inst->conns)
-        tovrin_publish_status(&conn);
     for (tovrin_conn &conn : inst->conns) {
+        tovrin_publish_status(&conn);
         if (conn.children.empty())
             tovrin_conn_deliver_message(inst, nullptr, &conn, TOVRIN_MSG_START);
     }
 }
 
+}  // namespace
+
+void tovrin_daemon_start(tovrin_inst *inst, const std::function<void(unsigned)> &sleep_for) {
+    tovrin_log(TOVRIN_LOG_INFO, "initialising");
+    if (tovrin_config_load(inst, tovrin_config_move) < 0)
+        tovrin_log(TOVRIN_LOG_FATAL,
+                   "config not initialized - fix config file and send a SIGHUP to reload");
+    tovrin_boot_delay(inst, sleep_for);
+    conns_first_start(inst);
+    tovrin_keepalive_arm(inst);
+}
+
+namespace {
+
 // Everything from the store link on; returns the exit status.
 int tovrin_run(tovrin_inst *inst, int store_fd) {
     if (tovrin_inst_init(store_fd, inst) == nullptr)
         return -1;
-    tovrin_log(TOVRIN_LOG_INFO, "initialising");
-
-    if (tovrin_config_load(inst, tovrin_config_move) < 0)
-        tovrin_log(TOVRIN_LOG_FATAL,
-                   "config not initialized - fix config file and send a SIGHUP to reload");
 
     // Handled from the loop, never in signal context. Declared after the
     // instance, so they leave the base before it is freed.
     event_base *base = inst->base.get();
     event_slot sighup, sigusr1, sigusr2;
-    sighup.set(base, SIGHUP, EV_SIGNAL | EV_PERSIST, tovrin_config_sighup, inst);
+    sighup.set<tovrin_config_sighup>(base, SIGHUP, EV_SIGNAL | EV_PERSIST, inst);
     sighup.add();
-    sigusr1.set(base, SIGUSR1, EV_SIGNAL | EV_PERSIST, tovrin_state_dump, inst);
+    sigusr1.set<tovrin_state_dump>(base, SIGUSR1, EV_SIGNAL | EV_PERSIST, inst);
     sigusr1.add();
-    sigusr2.set(base, SIGUSR2, EV_SIGNAL | EV_PERSIST, tovrin_graph_dump, inst);
+    sigusr2.set<tovrin_graph_dump>(base, SIGUSR2, EV_SIGNAL | EV_PERSIST, inst);
     sigusr2.add();
 
-    tovrin_boot_delay(inst, [](unsigned seconds) { sleep(seconds); });
-
-    conns_first_start(inst);
-    tovrin_keepalive_arm(inst);
-
+    tovrin_daemon_start(inst, [](unsigned seconds) { sleep(seconds); });
     event_base_loop(base, 0);
     return 0;
 }
@@ -104,5 +109,11 @@ int tovrin_main(const tovrin_paths &paths) {
         return -1;
     }
 
-    return tovrin_run(&inst, store_fd);
+    try {
+        return tovrin_run(&inst, store_fd);
+    } catch (const std::bad_alloc &) {
+        // Start-up could not finish; the loop's handlers guard themselves.
+        tovrin_log(TOVRIN_LOG_FATAL, "Could not allocate memory; start-up abandoned");
+        return -1;
+    }
 }

@@ -5,6 +5,22 @@
 #include <event2/event_struct.h>
 
 #include <cstring>
+#include <new>
+
+// Logs that an event handler ran out of memory and was cut short.
+void event_slot_out_of_memory();
+
+// Every callback runs through this: an allocation failure inside a handler
+// is logged and the loop goes on with the next event, so no std::bad_alloc
+// can end the process.
+template <event_callback_fn F>
+void event_slot_guard(evutil_socket_t fd, short events, void *arg) noexcept {
+    try {
+        F(fd, events, arg);
+    } catch (const std::bad_alloc &) {
+        event_slot_out_of_memory();
+    }
+}
 
 // A libevent event embedded in a record. It remembers whether it was ever
 // set, and takes itself out of the loop when its record goes, so a freed
@@ -26,11 +42,12 @@ class event_slot {
                event_pending(&ev_, EV_TIMEOUT | EV_READ | EV_WRITE | EV_SIGNAL, nullptr) != 0;
     }
 
-    // (Re)binds the event; a pending event is removed first, because
-    // re-setting an added event corrupts the loop's lists.
-    void set(event_base *base, evutil_socket_t fd, short events, event_callback_fn cb, void *arg) {
+    // (Re)binds the event to callback F, guarded; a pending event is removed
+    // first, because re-setting an added event corrupts the loop's lists.
+    template <event_callback_fn F>
+    void set(event_base *base, evutil_socket_t fd, short events, void *arg) {
         del();
-        event_set(&ev_, fd, events, cb, arg);
+        event_set(&ev_, fd, events, event_slot_guard<F>, arg);
         event_base_set(base, &ev_);
     }
 

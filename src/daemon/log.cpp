@@ -1,5 +1,7 @@
 #include "daemon/log.h"
 
+#include "daemon/event_slot.h"
+
 #include <log4c/appender_type_stream.h>
 #include <log4c/appender_type_syslog.h>
 #include <log4c/category.h>
@@ -18,6 +20,10 @@ namespace {
 log4c_category_t *active_category = nullptr;
 
 }  // namespace
+
+void event_slot_out_of_memory() {
+    tovrin_log(TOVRIN_LOG_FATAL, "Could not allocate memory; event handling abandoned");
+}
 
 void tovrin_log(int priority, const char *format, ...) {
     log4c_category_t *category = active_category;

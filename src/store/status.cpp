@@ -32,12 +32,19 @@ void group_key_set(tovrin_conn *group, const char *suffix, const std::string &va
 
 void tovrin_publish_status(tovrin_conn *conn) {
     const char *state = tovrin_state_name(conn->current_state);
+    std::string prefix;
     try {
-        std::string key = "tovrin." + conn->name + ".status";
-        tovrin_store_send(conn->inst, TOVRIN_STORE_SET, key.c_str(), 2, state);
+        prefix = "tovrin." + conn->name;
     } catch (const std::bad_alloc &) {
         tovrin_log(TOVRIN_LOG_FATAL, "failed to allocate status message");
         return;
+    }
+    // Without a key nothing is sent, silently; the transition is still
+    // logged and recorded.
+    try {
+        std::string key = prefix + ".status";
+        tovrin_store_send(conn->inst, TOVRIN_STORE_SET, key.c_str(), 2, state);
+    } catch (const std::bad_alloc &) {
     }
     if ((conn->log_mask & TOVRIN_LOG_OTHERTRANSITIONS) != 0)
         tovrin_log(TOVRIN_LOG_INFO, "%s is now %s", conn->name.c_str(), state);

@@ -10,7 +10,6 @@
 
 #include "daemon/log.h"
 #include "daemon/log_mask.h"
-#include "platform/spawn.h"
 #include "supervise/conn.h"
 #include "supervise/inst.h"
 
@@ -39,7 +38,7 @@ void action_timeout_kill_cb(evutil_socket_t, short, void *arg) {
 // address our own group or every process, so it is never used.
 void action_signal(const tovrin_queued_action *entry, int sig) {
     if (entry->pid > 0)
-        killpg(entry->pid, sig);
+        entry->conn->inst->signal_group(entry->pid, sig);
 }
 
 }  // namespace
@@ -81,8 +80,7 @@ void tovrin_action_run(tovrin_queued_action *entry) {
         for (std::string &arg : entry->argv)
             args.push_back(arg.data());
         args.push_back(nullptr);
-        pid = veltrane_proc_execp_nowait_fds(entry->command_name.c_str(), args.data(), nullptr,
-                                             &out_fd, &err_fd);
+        pid = inst->spawn(entry->command_name.c_str(), args.data(), &out_fd, &err_fd);
     } catch (const std::bad_alloc &) {
         pid = -1;
     }
@@ -98,7 +96,7 @@ void tovrin_action_run(tovrin_queued_action *entry) {
     } catch (const std::bad_alloc &) {
         // A child we could not find again at its exit would hold the queue
         // forever; end it now and let the reaping ignore it.
-        killpg(pid, SIGKILL);
+        inst->signal_group(pid, SIGKILL);
         tovrin_log(TOVRIN_LOG_FATAL, "could not run command %s for conn %s",
                    entry->command_name.c_str(), conn->name.c_str());
         return;
@@ -121,15 +119,15 @@ void tovrin_action_run(tovrin_queued_action *entry) {
         entry->run_started = timespec{};
 
     event_base *base = inst->base.get();
-    entry->stdout_event.set(base, entry->stdout_fd.get(), EV_READ | EV_PERSIST,
-                            tovrin_action_read_output, entry);
+    entry->stdout_event.set<tovrin_action_read_output>(base, entry->stdout_fd.get(),
+                                                       EV_READ | EV_PERSIST, entry);
     entry->stdout_event.add();
-    entry->stderr_event.set(base, entry->stderr_fd.get(), EV_READ | EV_PERSIST,
-                            tovrin_action_read_output, entry);
+    entry->stderr_event.set<tovrin_action_read_output>(base, entry->stderr_fd.get(),
+                                                       EV_READ | EV_PERSIST, entry);
     entry->stderr_event.add();
 
-    entry->action_timeout_event.set(base, -1, 0, action_timeout_cb, entry);
-    entry->action_timeout_kill_event.set(base, -1, 0, action_timeout_kill_cb, entry);
+    entry->action_timeout_event.set<action_timeout_cb>(base, -1, 0, entry);
+    entry->action_timeout_kill_event.set<action_timeout_kill_cb>(base, -1, 0, entry);
     if (entry->timeout != 0)
         entry->action_timeout_event.add_seconds(entry->timeout);
 }
@@ -200,7 +198,7 @@ void tovrin_conn_action_timeout(tovrin_queued_action *entry) {
                    "%d %s(%d) action_timeout_kill_event not initialized yet, set and add it",
                    SITE_KILL_NOT_INITIALIZED, entry->command_name.c_str(), entry->type);
     }
-    kill_event.set(entry->conn->inst->base.get(), -1, 0, action_timeout_kill_cb, entry);
+    kill_event.set<action_timeout_kill_cb>(entry->conn->inst->base.get(), -1, 0, entry);
     kill_event.add_seconds(TOVRIN_ACTION_KILL_DELAY);
 }
 

@@ -140,7 +140,7 @@ void tovrin_conn_schedule_tests(tovrin_conn *conn, int delay) {
         tovrin_log(TOVRIN_LOG_WARN, "%d %s(%d) test_event not initialized yet, set and add it",
                    SITE_TESTS_NOT_INITIALIZED, conn->name.c_str(), conn->type);
     }
-    conn->test_event.set(conn->inst->base.get(), -1, 0, tovrin_conn_run_tests, conn);
+    conn->test_event.set<tovrin_conn_run_tests>(conn->inst->base.get(), -1, 0, conn);
     // A negative delay is run on the next turn of the loop, not at once:
     // callers expect no tests to run inside the call unless they asked for 0.
     conn->test_event.add_seconds(std::max(delay, 0));
@@ -257,7 +257,7 @@ void tovrin_conn_actions_release(tovrin_conn *conn) {
             std::unique_ptr<tovrin_queued_action> entry = std::move(queue->front());
             queue->pop_front();
             if (entry->state != TOVRIN_QA_IDLE && entry->pid > 0)
-                killpg(entry->pid, SIGTERM);
+                conn->inst->signal_group(entry->pid, SIGTERM);
             tovrin_action_unregister(entry.get());
             tovrin_action_free(std::move(entry));
         }

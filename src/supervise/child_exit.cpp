@@ -127,7 +127,7 @@ void up_action_rerun(tovrin_conn *conn, tovrin_queued_action *entry) {
         }
         entry->throttled = true;
     }
-    entry->respawn_event.set(conn->inst->base.get(), -1, 0, up_action_respawn, entry);
+    entry->respawn_event.set<up_action_respawn>(conn->inst->base.get(), -1, 0, entry);
     entry->respawn_event.add_seconds(RESPAWN_INTERVAL_SECONDS);
 }
 
@@ -181,8 +181,8 @@ void up_action_exited(tovrin_conn *conn, tovrin_queued_action_list::iterator pos
     int64_t delay_ms = static_cast<int64_t>(action->restarts) * conn->restartdelayfactor;
     if (delay_ms > 0) {
         delay_ms = std::min(delay_ms, RESTART_DELAY_MAX_MS);
-        conn->up_action_failed_delay_event.set(conn->inst->base.get(), -1, 0,
-                                               tovrin_up_action_failed_delay, conn);
+        conn->up_action_failed_delay_event.set<tovrin_up_action_failed_delay>(
+            conn->inst->base.get(), -1, 0, conn);
         conn->up_action_failed_delay_event.add_seconds(static_cast<long>(delay_ms / 1000));
         return;
     }
@@ -302,6 +302,12 @@ void child_exit_handle(tovrin_inst *inst, const child_status &exit) {
 
 }  // namespace
 
+void tovrin_child_exited(tovrin_inst *inst, pid_t pid, int status) {
+    const bool debug = inst->globals != nullptr &&
+                       (inst->globals->instance_log_mask & TOVRIN_INST_LOG_DEBUGGENERAL) != 0;
+    child_exit_handle(inst, child_status_decode(pid, status, debug));
+}
+
 void tovrin_sigchld(evutil_socket_t, short, void *arg) {
     auto *inst = static_cast<tovrin_inst *>(arg);
     for (;;) {
@@ -311,11 +317,8 @@ void tovrin_sigchld(evutil_socket_t, short, void *arg) {
             continue;
         if (pid <= 0)
             return;
-        if (inst == nullptr)
-            continue;
-        const bool debug = inst->globals != nullptr &&
-                           (inst->globals->instance_log_mask & TOVRIN_INST_LOG_DEBUGGENERAL) != 0;
-        child_exit_handle(inst, child_status_decode(pid, status, debug));
+        if (inst != nullptr)
+            tovrin_child_exited(inst, pid, status);
     }
 }
 

@@ -1,6 +1,13 @@
 #pragma once
 
 #include <event2/util.h>
+#include <sys/types.h>
+
+struct tovrin_inst;
+
+// Acts on the end of one reaped child, given its wait status: a child of no
+// queued action in force is ignored.
+void tovrin_child_exited(tovrin_inst *inst, pid_t pid, int status);
 
 // Callback of the SIGCHLD event: reaps every ended child and acts on the
 // exit of each one that runs a queued action. arg is the instance.

@@ -53,13 +53,15 @@ tovrin_conn *conn_append_default(tovrin_inst *inst, const std::string &name, int
     }
 }
 
-// Appends name to one of a conn's link lists; logs failure with message.
+// Appends name to one of a conn's link lists. A link that cannot be made is
+// reported as a link, then as the relation it was for.
 void link_add(tovrin_link_list &links, const std::string &name, const char *message) {
     if (name.empty())
         return;
     try {
         links.add(name);
     } catch (const std::bad_alloc &) {
+        tovrin_log(TOVRIN_LOG_FATAL, "Could not allocate link name");
         tovrin_log(TOVRIN_LOG_FATAL, "%s", message);
     }
 }

@@ -24,13 +24,13 @@ event_base *tovrin_inst_init(int store_fd, tovrin_inst *inst) {
     inst->command_key = tovrin_command_key;
     inst->store_tx_state = 0;
 
-    inst->store_read_event.set(b, store_fd, EV_READ | EV_PERSIST, tovrin_store_read, inst);
+    inst->store_read_event.set<tovrin_store_read>(b, store_fd, EV_READ | EV_PERSIST, inst);
     inst->store_read_event.add();
-    inst->store_write_event.set(b, store_fd, EV_WRITE | EV_PERSIST, tovrin_store_write, inst);
-    inst->tovrin_timer.set(b, -1, 0, tovrin_keepalive, inst);
-    inst->sigchld_event.set(b, SIGCHLD, EV_SIGNAL | EV_PERSIST, tovrin_sigchld, inst);
+    inst->store_write_event.set<tovrin_store_write>(b, store_fd, EV_WRITE | EV_PERSIST, inst);
+    inst->tovrin_timer.set<tovrin_keepalive>(b, -1, 0, inst);
+    inst->sigchld_event.set<tovrin_sigchld>(b, SIGCHLD, EV_SIGNAL | EV_PERSIST, inst);
     inst->sigchld_event.add();
-    inst->reload_check_event.set(b, -1, 0, tovrin_config_reload_check, inst);
+    inst->reload_check_event.set<tovrin_config_reload_check>(b, -1, 0, inst);
 
     tovrin_store_subscribe(inst, inst->command_key);
 
@@ -40,7 +40,7 @@ event_base *tovrin_inst_init(int store_fd, tovrin_inst *inst) {
     if (inst->globals == nullptr)
         return nullptr;
 
-    inst->dispatch_event.set(b, -1, 0, tovrin_dispatch_messages, inst);
-    inst->config_reload_timer.set(b, -1, 0, tovrin_config_reload_timeout, inst);
+    inst->dispatch_event.set<tovrin_dispatch_messages>(b, -1, 0, inst);
+    inst->config_reload_timer.set<tovrin_config_reload_timeout>(b, -1, 0, inst);
     return b;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <event2/event.h>
+#include <signal.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -15,6 +16,7 @@
 #include "command/var.h"
 #include "daemon/event_slot.h"
 #include "daemon/paths.h"
+#include "platform/spawn.h"
 #include "supervise/conn.h"
 #include "supervise/conn_list.h"
 #include "supervise/globals.h"
@@ -79,6 +81,14 @@ struct tovrin_inst {
     std::function<int(timespec *now)> clock_monotonic = [](timespec *now) {
         return clock_gettime(CLOCK_MONOTONIC, now);
     };
+    // How children are started and their process groups signalled; tests
+    // put fakes here. The platform's calls, as veltrane_proc_execp_nowait_fds
+    // and killpg answer.
+    std::function<pid_t(const char *file, char *const argv[], int *stdout_fd, int *stderr_fd)>
+        spawn = [](const char *file, char *const argv[], int *stdout_fd, int *stderr_fd) {
+            return veltrane_proc_execp_nowait_fds(file, argv, nullptr, stdout_fd, stderr_fd);
+        };
+    std::function<int(pid_t group, int signal)> signal_group = killpg;
     tovrin_conn_list conns;
     tovrin_conn_list new_conns;
     std::deque<tovrin_msg> message_queue;

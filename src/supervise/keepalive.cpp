@@ -13,7 +13,7 @@ namespace {
 void keepalive_add(tovrin_inst *inst) {
     if (inst->globals == nullptr || inst->globals->keepalive <= 0)
         return;
-    inst->tovrin_timer.set(inst->base.get(), -1, 0, tovrin_keepalive, inst);
+    inst->tovrin_timer.set<tovrin_keepalive>(inst->base.get(), -1, 0, inst);
     inst->tovrin_timer.add_seconds(inst->globals->keepalive);
 }
 

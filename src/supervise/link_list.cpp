@@ -14,11 +14,19 @@ bool tovrin_link_list::add(const std::string &name) {
     if (contains(name))
         return false;
     links_.push_back(tovrin_link{name});
-    if (links_.size() == index_threshold) {
-        for (const tovrin_link &link : links_)
-            index_.insert(link.name);
-    } else if (links_.size() > index_threshold) {
-        index_.insert(name);
+    try {
+        if (links_.size() == index_threshold) {
+            for (const tovrin_link &link : links_)
+                index_.insert(link.name);
+        } else if (links_.size() > index_threshold) {
+            index_.insert(name);
+        }
+    } catch (...) {
+        // A link that cannot be indexed is not added at all.
+        links_.pop_back();
+        if (links_.size() < index_threshold)
+            index_.clear();
+        throw;
     }
     return true;
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "config/load.h"
+#include "groups/failover.h"
 #include "supervise/action_queue.h"
 #include "supervise/conn.h"
 #include "supervise/message.h"
@@ -277,8 +278,7 @@ TEST_F(Reload, AFreedConnTakesItsTimersAndChildrenWithIt) {
     dispatch();
     // Timers of every kind still armed on a conn that is down.
     tovrin_conn_schedule_tests(a, 1);
-    a->failover_event.set(
-        t.inst.base.get(), -1, 0, [](evutil_socket_t, short, void *) {}, a);
+    a->failover_event.set<tovrin_group_failover_timeout>(t.inst.base.get(), -1, 0, a);
     a->failover_event.add_seconds(0);
     reload("conn B\n");
     EXPECT_EQ(t.conn("A"), nullptr);

@@ -29,8 +29,8 @@
 class action_fixture : public ::testing::Test {
   protected:
     action_fixture() {
-        t.inst.dispatch_event.set(base(), -1, 0, ignore_event, nullptr);
-        tick.set(base(), -1, 0, ignore_event, nullptr);
+        t.inst.dispatch_event.set<ignore_event>(base(), -1, 0, nullptr);
+        tick.set<ignore_event>(base(), -1, 0, nullptr);
     }
 
     ~action_fixture() override {

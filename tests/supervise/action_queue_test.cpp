@@ -479,7 +479,7 @@ TEST_F(ActionQueue, ReleasedConnIsNeverReachedAgain) {
         pids.push_back(pid);
     ASSERT_EQ(pids.size(), 3u);
     // Timers of the conn that would fire while its children are reaped.
-    a->up_action_failed_delay_event.set(base(), -1, 0, tovrin_up_action_failed_delay, a);
+    a->up_action_failed_delay_event.set<tovrin_up_action_failed_delay>(base(), -1, 0, a);
     a->up_action_failed_delay_event.add_seconds(0);
     tovrin_conn_schedule_tests(a, 1);
 
