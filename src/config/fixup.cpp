@@ -46,6 +46,9 @@ void tovrin_config_fixup(tovrin_inst *inst, tovrin_config_handover handover) {
 }
 
 void tovrin_config_adopt_new_conns(tovrin_inst *inst) {
+    // The only allocation comes first: once conns has room, moving them
+    // cannot fail halfway.
+    inst->conns.reserve(inst->new_conns.size());
     while (!inst->new_conns.empty()) {
         tovrin_conn *conn = inst->conns.push_back(inst->new_conns.pop_front());
         conn->test_event.set<tovrin_conn_run_tests>(inst->base.get(), -1, 0, conn);

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <vector>
 
 #include "config/clauses.h"
@@ -62,9 +63,12 @@ int header_definition(config_parser *p, const header_kind &kind, const char *nam
     if (kind.type == TOVRIN_CONN) {
         std::unique_ptr<tovrin_conn> made =
             tovrin_conn_new(p->inst, name, TOVRIN_CONN, 60, 30, 30, 30, 1, -1, 0);
-        if (made != nullptr)
-            conn = p->inst->new_conns.push_back(std::move(made));
-        else
+        try {
+            if (made != nullptr)
+                conn = p->inst->new_conns.push_back(std::move(made));
+        } catch (const std::bad_alloc &) {
+        }
+        if (conn == nullptr)
             tovrin_log(TOVRIN_LOG_FATAL, "Could not add conn");
     } else {
         conn = tovrin_group_add(p->inst, name, kind.type);
@@ -168,11 +172,18 @@ int tovrin_config_load(tovrin_inst *inst, tovrin_config_handover handover) {
     } catch (const std::bad_alloc &) {
         tovrin_log(TOVRIN_LOG_FATAL, "Failed to allocate memory to parse config");
     }
-    if (result != 0) {
-        tovrin_log(TOVRIN_LOG_FATAL, "Failed To Load Config");
-        tovrin_config_discard_new(inst);
-        return -1;
+    if (result == 0) {
+        try {
+            tovrin_config_fixup(inst, handover);
+            return 0;
+        } catch (const std::bad_alloc &) {
+            // The hand-over changes nothing it cannot finish; a reload it
+            // had begun is abandoned like one whose file does not parse.
+            tovrin_log(TOVRIN_LOG_FATAL, "Failed to allocate memory to parse config");
+            inst->reloading_config = false;
+        }
     }
-    tovrin_config_fixup(inst, handover);
-    return 0;
+    tovrin_log(TOVRIN_LOG_FATAL, "Failed To Load Config");
+    tovrin_config_discard_new(inst);
+    return -1;
 }

@@ -1,7 +1,7 @@
 #include "config/reload.h"
 
+#include <algorithm>
 #include <memory>
-#include <unordered_set>
 #include <vector>
 
 #include "command/var.h"
@@ -49,17 +49,21 @@ bool debug_general(const tovrin_inst *inst) {
 // Frees conns that have left the configuration. Messages may still name
 // them (a stop queued by the first pass, a check-stop sent on entering
 // down): those to them are dropped, and those from them lose their sender,
-// which only ever served the log. One pass over the queue for all of them.
-void conns_free(tovrin_inst *inst, std::vector<std::unique_ptr<tovrin_conn>> doomed) {
+// which only ever served the log. One pass over the queue for all of them;
+// gone has room for every doomed conn already, so nothing here allocates.
+void conns_free(tovrin_inst *inst, std::vector<std::unique_ptr<tovrin_conn>> &doomed,
+                std::vector<const tovrin_conn *> &gone) {
     if (doomed.empty())
         return;
-    std::unordered_set<const tovrin_conn *> gone;
     for (const auto &conn : doomed)
-        gone.insert(conn.get());
-    std::erase_if(inst->message_queue,
-                  [&gone](const tovrin_msg &msg) { return gone.count(msg.dst) != 0; });
+        gone.push_back(conn.get());
+    std::sort(gone.begin(), gone.end());
+    auto is_gone = [&gone](const tovrin_conn *conn) {
+        return std::binary_search(gone.begin(), gone.end(), conn);
+    };
+    std::erase_if(inst->message_queue, [&](const tovrin_msg &msg) { return is_gone(msg.dst); });
     for (tovrin_msg &msg : inst->message_queue) {
-        if (gone.count(msg.src) != 0)
+        if (is_gone(msg.src))
             msg.src = nullptr;
     }
     for (auto &conn : doomed)
@@ -145,9 +149,15 @@ void tovrin_config_reload_timeout(evutil_socket_t, short, void *arg) {
 }
 
 void tovrin_config_reload_merge(tovrin_inst *inst) {
-    inst->config_reload_timer.del();
-
+    // Everything the merge needs is allocated before it changes anything, so
+    // a failure leaves the reload waiting as it was.
     std::vector<std::unique_ptr<tovrin_conn>> doomed;
+    std::vector<const tovrin_conn *> freed;
+    doomed.reserve(inst->conns.size() + inst->new_conns.size());
+    freed.reserve(inst->conns.size() + inst->new_conns.size());
+    inst->conns.reserve(inst->new_conns.size());
+
+    inst->config_reload_timer.del();
     for (auto it = inst->conns.begin(); it != inst->conns.end();) {
         tovrin_conn *old = &*it++;
         tovrin_conn *namesake = nullptr;
@@ -171,7 +181,7 @@ void tovrin_config_reload_merge(tovrin_inst *inst) {
         tovrin_conn_vars_free(gone.get());
         doomed.push_back(std::move(gone));
     }
-    conns_free(inst, std::move(doomed));
+    conns_free(inst, doomed, freed);
 
     tovrin_config_adopt_new_conns(inst);
     for (tovrin_conn &conn : inst->conns) {

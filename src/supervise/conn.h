@@ -79,6 +79,11 @@ struct tovrin_conn {
     int maxrestarts = -1;  // negative: no limit
     int restartdelayfactor = 0;
     event_slot up_action_failed_delay_event;
+    // Place in conns or new_conns, and in that list's name index; kept by
+    // tovrin_conn_list alone.
+    tovrin_conn *list_prev = nullptr;
+    tovrin_conn *list_next = nullptr;
+    tovrin_conn *index_next = nullptr;
 };
 
 // A conn record with the given settings and the default log mask of the

@@ -2,7 +2,6 @@
 // survives it: no crash, no leak (the sanitizer build checks that), nothing
 // half made left behind, and the failure logged.
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -20,44 +19,11 @@
 #include "platform/unique_fd.h"
 #include "supervise/conn.h"
 #include "supervise/inst.h"
+#include "support/alloc_failure.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 namespace {
-
-// Allocations still to succeed before the planned failure; negative when
-// none is planned. Tests run on one thread.
-long allocations_before_failure = -1;
-
-}  // namespace
-
-// The unit test binary's allocation function: it fails once when a test has
-// planned it, and otherwise passes every request on to the next definition
-// (the sanitizer's or the C++ library's), so that allocation and release
-// still pair up exactly as without it. Only this throwing form is replaced.
-void *operator new(std::size_t size) {
-    if (allocations_before_failure >= 0 && allocations_before_failure-- == 0)
-        throw std::bad_alloc();
-    using allocate_fn = void *(*)(std::size_t);
-    static const allocate_fn next = reinterpret_cast<allocate_fn>(dlsym(RTLD_NEXT, "_Znwm"));
-    if (next == nullptr)
-        std::abort();
-    return next(size);
-}
-
-namespace {
-
-// Plans the failure of the allocation that comes after `succeeding` more.
-void allocation_fail_after(long succeeding) {
-    allocations_before_failure = succeeding;
-}
-
-// Cancels a planned failure; true when it had happened.
-bool allocation_failure_happened() {
-    bool happened = allocations_before_failure < 0;
-    allocations_before_failure = -1;
-    return happened;
-}
 
 // Never-ending sweeps would mean the code allocates without bound.
 constexpr long max_allocations = 100000;

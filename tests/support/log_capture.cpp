@@ -1,5 +1,7 @@
 #include "support/log_capture.h"
 
+#include "support/alloc_failure.h"
+
 #include <log4c/appender.h>
 #include <log4c/logging_event.h>
 
@@ -7,6 +9,7 @@ namespace {
 
 int capture_append(log4c_appender_t *appender, const log4c_logging_event_t *event) {
     auto *records = static_cast<std::vector<log_record> *>(log4c_appender_get_udata(appender));
+    allocation_pause pause;
     records->push_back(log_record{event->evt_priority, event->evt_msg});
     return 0;
 }

@@ -1,0 +1,176 @@
+// Every operation below is run once for each of its allocations, with that
+// one allocation failing: the daemon must log the failure with its own
+// message, leave nothing half made, keep running and never leak (the
+// sanitizer build checks that). Each case also names outcomes that some
+// failure must produce, so a failure path that is never taken shows.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <new>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "config/fixup.h"
+#include "config/load.h"
+#include "store/status.h"
+#include "supervise/conn.h"
+#include "supervise/message_queue.h"
+#include "supervise/state.h"
+#include "support/alloc_failure.h"
+#include "support/log_capture.h"
+#include "support/test_inst.h"
+
+namespace {
+
+using outcome = std::vector<std::string>;
+
+struct sweep_case {
+    const char *title;
+    const char *config;  // loaded before the operation
+    // Sets the stage, runs the operation (alone in the sweep), and reports
+    // what it left behind.
+    std::function<void(test_inst &)> prepare, act;
+    std::function<outcome(test_inst &)> observe;
+    outcome success;                 // without a failure
+    std::set<std::string> messages;  // every message a failure may log
+    std::vector<outcome> must_see;   // outcomes some failure must give
+};
+
+std::string count(const char *what, size_t n) {
+    return std::string(what) + " " + std::to_string(n);
+}
+
+const char long_value[] = "a value longer than any short string";
+
+const sweep_case cases[] = {
+    {"publishing a status",
+     "conn a-conn-with-a-long-name\n\tlog othertransitions\n",
+     [](test_inst &) {},
+     [](test_inst &t) { tovrin_publish_status(t.inst.conns.front()); },
+     [](test_inst &t) { return outcome{count("frames", t.inst.store_out_queue.size())}; },
+     {"a-conn-with-a-long-name is now down", "frames 1"},
+     {"failed to allocate status message", "could not allocate message",
+      "a-conn-with-a-long-name is now down", "frames 0"},
+     // The prefix fails; the key fails, silently; the frame fails.
+     {{"failed to allocate status message", "frames 0"},
+      {"a-conn-with-a-long-name is now down", "frames 0"},
+      {"could not allocate message", "a-conn-with-a-long-name is now down", "frames 0"}}},
+
+    {"loading commands and links",
+     "",
+     [](test_inst &t) {
+         t.write_config(
+             "conn a-conn-with-a-long-name\n\tparent a-parent-with-a-long-name\n"
+             "\tstart /bin/a-start-command-with-a-long-name\n"
+             "conn a-parent-with-a-long-name\n");
+     },
+     [](test_inst &t) { t.load(); },
+     [](test_inst &t) {
+         tovrin_conn *a = t.conn("a-conn-with-a-long-name");
+         if (a == nullptr)
+             return outcome{"not loaded"};
+         return outcome{count("actions", a->start_actions.size()),
+                        count("parents", a->parents.size())};
+     },
+     {"actions 1", "parents 1"},
+     {"Could not allocate action", "Couldn't create action", "Could not allocate link name",
+      "Could not allocate parent", "Could not allocate child", "Could not allocate conn",
+      "Could not add conn", "Failed to allocate memory to parse config", "Failed To Load Config",
+      "Could not allocate tovrin globals", "not loaded", "actions 0", "actions 1", "parents 0",
+      "parents 1"},
+     // A clause that cannot be stored is dropped and the load goes on.
+     {{"Could not allocate action", "Couldn't create action", "actions 0", "parents 1"},
+      {"Could not allocate link name", "Could not allocate parent", "actions 1", "parents 0"}}},
+
+    {"a store value reaching two variables",
+     "conn a\n\tstord_var v some.store.key\nconn b\n\tstord_var w some.store.key\n",
+     [](test_inst &t) {
+         std::string body = std::string("8\x1esome.store.key\x1e") + "0\x1e" + "0\x1e" + long_value;
+         uint32_t n = htonl(static_cast<uint32_t>(body.size()));
+         std::string frame(reinterpret_cast<const char *>(&n), 4);
+         frame += body;
+         ASSERT_EQ(write(t.store_end.get(), frame.data(), frame.size()),
+                   static_cast<ssize_t>(frame.size()));
+     },
+     [](test_inst &t) {
+         for (int turn = 0; turn < 4; turn++)
+             event_base_loop(t.inst.base.get(), EVLOOP_NONBLOCK);
+     },
+     [](test_inst &t) {
+         size_t with_value = 0;
+         for (const tovrin_var_sub &sub : t.inst.store_vars)
+             with_value += sub.current_val == long_value ? 1 : 0;
+         return outcome{count("values", with_value)};
+     },
+     {"values 2"},
+     {"error handling stord message", "values 1"},
+     {{"error handling stord message", "values 1"}}},
+
+    {"a group started from the loop",
+     "orderedgroup g\n\tmember a-member-with-a-long-name\n\tfailovertimeout 0\n\tlog none\n"
+     "conn a-member-with-a-long-name\n\tstart /bin/a-command with %v% args\n\tlog none\n",
+     [](test_inst &t) {
+         t.inst.spawn = [](const char *, char *const *, int *, int *) -> pid_t { return -1; };
+     },
+     [](test_inst &t) {
+         tovrin_conn_deliver_message(&t.inst, nullptr, t.inst.conns.front(), TOVRIN_MSG_START);
+         t.dispatch();
+     },
+     [](test_inst &t) {
+         return outcome{std::string("state ") + tovrin_state_name(t.conn("g")->current_state)};
+     },
+     {"could not run command /bin/a-command for conn a-member-with-a-long-name",
+      "state starting members"},
+     {"could not allocate message", "could not deliver message",
+      "failed to allocate status message", "could not allocate queued action",
+      "failed to queue command for conn a-member-with-a-long-name",
+      "could not run command /bin/a-command for conn a-member-with-a-long-name",
+      "argv_init: failed to calloc struct parsed_argv", "argv_init: failed to calloc",
+      "argv_token_finish: failed to calloc", "str2argv: failed to allocate memory",
+      "Could not allocate memory; event handling abandoned", "state starting members"},
+     // Whatever no handler reports itself is caught where the event began.
+     {{"Could not allocate memory; event handling abandoned", "state starting members"}}},
+};
+
+TEST(AllocationSweep, EveryOperationSurvivesAnySingleFailure) {
+    for (const sweep_case &c : cases) {
+        SCOPED_TRACE(c.title);
+        std::set<outcome> seen;
+        for (long k = 0;; k++) {
+            ASSERT_LT(k, 100000);
+            SCOPED_TRACE(k);
+            test_inst t;
+            t.write_config(c.config);
+            ASSERT_EQ(t.load(), 0);
+            t.inst.store_out_queue.clear();
+            c.prepare(t);
+            log_capture log;
+            allocation_fail_after(k);
+            try {
+                c.act(t);
+            } catch (const std::bad_alloc &) {
+                ADD_FAILURE() << "the failure escaped";
+            }
+            bool failed = allocation_failure_happened();
+            outcome got = log.messages();
+            outcome left = c.observe(t);
+            got.insert(got.end(), left.begin(), left.end());
+            if (!failed) {
+                EXPECT_EQ(got, c.success);
+                break;
+            }
+            for (const std::string &m : got)
+                EXPECT_EQ(c.messages.count(m), 1u) << m;
+            seen.insert(got);
+        }
+        for (const outcome &o : c.must_see)
+            EXPECT_EQ(seen.count(o), 1u) << testing::PrintToString(o);
+    }
+}
+
+}  // namespace
