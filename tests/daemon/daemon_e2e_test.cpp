@@ -1,128 +1,94 @@
+// tovrin-sandbox with the real stord and real commands, seen from outside.
+
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <signal.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
+#include <vector>
 
-#include "support/child_process.h"
-#include "support/sandbox.h"
-#include "support/stord_harness.h"
-#include "support/temp_dir.h"
+#include "support/e2e.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+using strings = std::vector<std::string>;
 
-const char refusal[] = "Another tovrin instance is running, exiting...";
+const strings walk_up = {"waiting to start", "starting", "starting up commands",
+                         "testing",          "tested",   "up"};
 
-class DaemonProcess : public ::testing::Test {
-  protected:
-    void SetUp() override { root_.make_dirs("var/run"); }
-
-    // A daemon that logged no sanitizer report and exited as expected.
-    void expect_exit(child_process &daemon, int status, std::chrono::milliseconds timeout) {
-        std::optional<int> got = daemon.wait_exit(timeout);
-        ASSERT_TRUE(got.has_value()) << "daemon did not exit";
-        EXPECT_EQ(*got, status) << sandbox_.daemon_stderr();
-        EXPECT_EQ(sandbox_.daemon_stderr().find("Sanitizer"), std::string::npos)
-            << sandbox_.daemon_stderr();
-    }
-
-    temp_dir root_;
-    sandbox sandbox_{root_};
-};
-
-TEST_F(DaemonProcess, RunsUntilTheStoreGoesAndRemovesItsPidFile) {
-    stord_harness store(sandbox_.store_socket(), root_.file("journal"));
-    child_process daemon = sandbox_.start();
-
-    ASSERT_TRUE(sandbox_.wait_log("initialising", 10s));
-    ASSERT_TRUE(wait_until([&] { return sandbox_.pidfile_pid() == daemon.pid(); }, 10s));
-    EXPECT_EQ(sandbox_.log_priority("initialising"), "INFO");
-    // There is no configuration file in the root.
-    EXPECT_TRUE(sandbox_.wait_log(
-        "config not initialized - fix config file and send a SIGHUP to reload", 10s));
-    EXPECT_TRUE(daemon.running());
-
-    // The link never reconnects: losing the store ends the daemon.
-    store.stop();
-    expect_exit(daemon, 1, 10s);
-    EXPECT_FALSE(sandbox_.pidfile_pid().has_value());
+std::string config(const temp_dir &root, int app_period) {
+    const std::string r = root.path();
+    return "conn base\n\tstart sh -c 'touch " + r + "/base.on'\n\ttest test -e " + r +
+           "/base.on\n\ttestdelay 0\n\ttestperiod 1\n\ttestthreshold 0\n"
+           "conn app\n\tparent base\n\tstart sh -c 'echo \"$PATH|$RUNNING_UNDER_TOVRIN\" > " +
+           r + "/env'\n\tup sleep 30\n\ttestperiod " + std::to_string(app_period) + "\n";
 }
 
-TEST_F(DaemonProcess, SecondInstanceIsRefusedAndLeavesTheFirstPidFile) {
-    stord_harness store(sandbox_.store_socket(), root_.file("journal"));
-    child_process first = sandbox_.start();
-    ASSERT_TRUE(wait_until([&] { return sandbox_.pidfile_pid() == first.pid(); }, 10s));
+// Parents come up first; a failing test restarts its conn and its children
+// with it; an operator's command and a reload restart only what they name;
+// the dumps appear; the daemon ends with its store and takes its pid file.
+TEST(Daemon, SupervisesRealCommandsUntilItsStoreGoes) {
+    e2e_sandbox s;
+    s.root.write_file("var/run/tovrin.pid", "999999999\n");
+    s.start(config(s.root, 30));
+    ASSERT_TRUE(s.wait_status("app", "up")) << s.log();
+    strings base = {"down"},
+            app = {"down",    "waiting to start", "starting", "starting up commands",
+                   "testing", "tested",           "up"};
+    base.insert(base.end(), walk_up.begin(), walk_up.end());
+    EXPECT_EQ(s.statuses("base"), base);
+    EXPECT_EQ(s.statuses("app"), app);
+    EXPECT_EQ(s.root.read_file("var/run/tovrin.pid"), std::to_string(s.daemon->pid()) + "\n");
+    std::string env = s.root.read_file("env");
+    EXPECT_TRUE(env.ends_with(":/bin/tovrin_helpers|yes\n")) << env;
 
-    child_process second = sandbox_.start();
-    std::optional<int> status = second.wait_exit(10s);
-    ASSERT_TRUE(status.has_value());
-    EXPECT_EQ(*status, 255);
-    EXPECT_TRUE(sandbox_.wait_log(refusal, 1s));
-    EXPECT_EQ(sandbox_.log_priority(refusal), "FATAL");
-    EXPECT_EQ(sandbox_.pidfile_pid(), first.pid());
-    EXPECT_TRUE(first.running());
+    unlink(s.root.file("base.on").c_str());
+    ASSERT_TRUE(wait_until([&] { return s.statuses("base").size() > 7; }));
+    ASSERT_TRUE(s.wait_status("app", "up")) << s.log();
+    EXPECT_EQ(s.statuses("app")[7], "waiting to stop");
+    EXPECT_EQ(s.statuses("base")[7], "waiting to stop");
 
-    store.stop();
-    expect_exit(first, 1, 10s);
+    size_t base_seen = s.statuses("base").size(), app_seen = s.statuses("app").size();
+    s.set("config.tovrin.command", "app,cli,restart");
+    ASSERT_TRUE(s.wait_log("external restart command received for app"));
+    ASSERT_TRUE(wait_until([&] { return s.statuses("app").size() == app_seen + 10; }));
+    s.root.write_file("etc/config/tovrin.conf", config(s.root, 29));
+    kill(s.daemon->pid(), SIGHUP);
+    ASSERT_TRUE(s.wait_log("Finished Reloading Config"));
+    ASSERT_TRUE(s.wait_status("app", "up"));
+    EXPECT_EQ(s.statuses("app").size(), app_seen + 20);
+    EXPECT_EQ(s.statuses("base").size(), base_seen);
+
+    kill(s.daemon->pid(), SIGUSR1);
+    kill(s.daemon->pid(), SIGUSR2);
+    ASSERT_TRUE(wait_until([&] { return s.root.read_file("tmp/tovrin.dot").ends_with("}\n"); }));
+    ASSERT_TRUE(wait_until([&] {
+        return s.root.read_file("tmp/tovrin.conf").ends_with("# No new conns pending merge\n");
+    }));
+    child_process dot({"/usr/bin/dot", "-Tsvg", "-o", "/dev/null", s.root.file("tmp/tovrin.dot")},
+                      s.root.file("dot.out"));
+    EXPECT_EQ(dot.wait_exit(), 0);
+    EXPECT_EQ(s.root.read_file("dot.out"), "");
+    s.stop_store();
 }
 
-TEST_F(DaemonProcess, StalePidFileFromACrashDoesNotBlockAStart) {
-    // The pid of a process that has ended and been reaped.
-    child_process gone = child_process::start({"/bin/true"});
-    ASSERT_TRUE(gone.wait_exit(5s).has_value());
-    root_.write_file("var/run/tovrin.pid", std::to_string(gone.pid()) + "\n");
+// One instance at a time; without its store the daemon does not start.
+TEST(Daemon, RefusesASecondInstanceAndAMissingStore) {
+    e2e_sandbox s;
+    s.start("conn a\n");
+    ASSERT_TRUE(s.wait_status("a", "up"));
+    child_process second({TOVRIN_SANDBOX_BIN, s.root.path()}, s.root.file("second.out"));
+    EXPECT_EQ(second.wait_exit(), 255);
+    EXPECT_NE(s.log().find("FATAL    tovrin - Another tovrin instance is running, exiting..."),
+              std::string::npos);
+    EXPECT_EQ(s.root.read_file("var/run/tovrin.pid"), std::to_string(s.daemon->pid()) + "\n");
+    s.stop_store();
 
-    stord_harness store(sandbox_.store_socket(), root_.file("journal"));
-    child_process daemon = sandbox_.start();
-    ASSERT_TRUE(wait_until([&] { return sandbox_.pidfile_pid() == daemon.pid(); }, 10s));
-    EXPECT_TRUE(sandbox_.wait_log("initialising", 10s));
-    store.stop();
-    expect_exit(daemon, 1, 10s);
-}
-
-TEST_F(DaemonProcess, NoStoreListeningEndsStartUpWith255) {
-    child_process daemon = sandbox_.start();
-    // The daemon waits five seconds before it gives up.
-    expect_exit(daemon, 255, 20s);
-    std::vector<std::string> log = sandbox_.log_messages();
-    ASSERT_FALSE(log.empty());
-    EXPECT_EQ(log.back(), "could not open stord socket");
-    EXPECT_EQ(sandbox_.log_priority("could not open stord socket"), "FATAL");
-    // The pid file was written before the store was tried, and released on exit.
-    EXPECT_FALSE(sandbox_.pidfile_pid().has_value());
-}
-
-TEST_F(DaemonProcess, ConnectsToAPlainListeningSocket) {
-    // Any listener will do for start-up; the daemon only needs the link.
-    int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_GE(listener, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::string path = sandbox_.store_socket();
-    ASSERT_LT(path.size(), sizeof addr.sun_path);
-    path.copy(addr.sun_path, path.size());
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-    ASSERT_EQ(listen(listener, 4), 0);
-
-    child_process daemon = sandbox_.start();
-    int peer = accept(listener, nullptr, nullptr);
-    ASSERT_GE(peer, 0);
-    ASSERT_TRUE(sandbox_.wait_log("initialising", 10s));
-    EXPECT_TRUE(daemon.running());
-
-    close(peer);
-    expect_exit(daemon, 1, 10s);
-    close(listener);
-    EXPECT_FALSE(sandbox_.pidfile_pid().has_value());
-}
-
-TEST(SandboxUsage, RefusesAMissingRoot) {
-    child_process daemon = child_process::start({TOVRIN_SANDBOX_BIN});
-    EXPECT_EQ(daemon.wait_exit(5s), 2);
+    s.daemon.reset();
+    s.start("conn a\n");
+    EXPECT_EQ(s.daemon->wait_exit(10s), 255);
+    EXPECT_TRUE(s.wait_log("could not open stord socket"));
+    EXPECT_FALSE(s.root.exists("var/run/tovrin.pid"));
 }
 
 }  // namespace

@@ -1,25 +1,28 @@
 // The scenario language. A file holds scenarios, each opened by a line
 // "scenario NAME". Lines starting with '#' are comments.
 //
-//   | TEXT         a line of the configuration file ("| " or "|" is cut off);
-//                  the lines gathered are written before the next step
+//   | TEXT         a line of the configuration file ("| " or "|" is cut off,
+//                  ROOT stands for the root's path, " ; " starts a clause
+//                  line); the lines gathered are written before the next step
 //   logs N         capture log records up to priority N (600 unless given)
 //
 // Steps, at the start of a line, each followed by the daemon running until
-// nothing is left to do:
+// nothing is left to do; "STEP ; STEP" runs both before the expectations:
 //
 //   start                        start-up: load, boot delay, first messages
+//   load                         the configuration is put in force, no more
 //   cmd TEXT                     TEXT arrives on the control-command key
 //   notify KEY VALUE             a value notification for KEY
 //   frame FIELDS                 a notification body, fields split by '|',
 //                                with \0 \r \n escapes
 //   msg CONN TYPE                the daemon delivers a message to CONN
+//   queue CONN TYPE              ... and the next step comes before it is handled
 //   exit CONN PROG CODE          CONN's running PROG exits with CODE
 //   killed CONN PROG SIGNAL      ... is killed by SIGNAL (a number)
 //   fire TIMER                   a pending timer fires (see timers below)
 //   clock +N                     the monotonic clock moves N seconds on
 //   hup | usr1 | usr2            the signal arrives
-//   write PATH TEXT | remove PATH    a file under the root changes
+//   write PATH TEXT | remove PATH | mkdir PATH   a file under the root changes
 //   uptime SECONDS               the uptime file reads SECONDS
 //   nospawn PROG | spawn PROG    spawning PROG fails from now on | works again
 //
@@ -28,17 +31,19 @@
 // others):
 //
 //   status CONN STATE | set KEY FLAG VALUE | sub KEY | unsub KEY | del KEY
+//   status CONN: STATE, STATE...    several status lines of one conn
 //   log PRIORITY MESSAGE
 //   run CONN ARGV...  |  kill CONN PROG SIGNAL  |  sleep SECONDS
+//                       (an empty argument shows as '', control bytes as \xNN)
 //
 // and checks of the state after the step:
 //
-//   state CONN STATE     timer NAME SECONDS     idle NAME
+//   state CONN STATE, CONN STATE...   timer NAME SECONDS   idle NAME, NAME...
 //   same PATH GOLDEN [SKIP]   the file under the root equals GOLDEN (beside
 //                             the scenario file) after SKIP lines
 //
 // Timers: keepalive, reload, CONN.test, CONN.failover, CONN.failforward,
-// CONN.updelay, CONN.PROG.timeout, CONN.PROG.kill. The failover timestamp's
+// CONN.updelay, CONN.PROG.timeout, CONN.PROG.kill, CONN.PROG.respawn. The failover timestamp's
 // value reads NOW when it is the current time; the root's path reads ROOT.
 // Children never run: spawns are recorded and exits come from the steps.
 
@@ -105,6 +110,17 @@ std::string join(const lines &words, const char *separator = " ") {
     std::string out;
     for (const std::string &w : words)
         out += (out.empty() ? "" : separator) + w;
+    return out;
+}
+
+// text with control characters written as \xNN.
+std::string visible(const std::string &text) {
+    std::string out;
+    for (unsigned char c : text) {
+        char hex[8];
+        snprintf(hex, sizeof hex, "\\x%02x", c);
+        out += c < 0x20 ? std::string(hex) : std::string(1, static_cast<char>(c));
+    }
     return out;
 }
 
@@ -212,7 +228,10 @@ void runner::hook_instance() {
         *err = e[0];
         child->out.reset(o[1]);
         child->err.reset(e[1]);
-        proc_.push_back("run " + child->conn + " " + join(child->argv));
+        lines shown;
+        for (const std::string &arg : child->argv)
+            shown.push_back(arg.empty() ? "''" : visible(arg));
+        proc_.push_back("run " + child->conn + " " + join(shown));
         children_.push_back(std::move(child));
         return children_.back()->pid;
     };
@@ -326,7 +345,7 @@ event_slot *runner::timer(int line, const std::string &name) {
     size_t dot = name.rfind('.');
     std::string owner = name.substr(0, dot == std::string::npos ? 0 : dot);
     std::string which = dot == std::string::npos ? name : name.substr(dot + 1);
-    if (which == "timeout" || which == "kill") {
+    if (which == "timeout" || which == "kill" || which == "respawn") {
         size_t conn_dot = owner.rfind('.');
         tovrin_conn *conn = inst.conns.find(owner.substr(0, conn_dot));
         if (conn == nullptr || conn_dot == std::string::npos)
@@ -334,7 +353,11 @@ event_slot *runner::timer(int line, const std::string &name) {
         std::string program = owner.substr(conn_dot + 1);
         for (auto *queue : {&conn->queued_actions, &conn->queued_up_actions}) {
             for (const auto &entry : *queue) {
-                if (entry->command_name == program && entry->pid != 0)
+                if (entry->command_name != program)
+                    continue;
+                if (which == "respawn")
+                    return &entry->respawn_event;
+                if (entry->pid != 0)
                     return which == "timeout" ? &entry->action_timeout_event
                                               : &entry->action_timeout_kill_event;
             }
@@ -368,6 +391,9 @@ void runner::step(int line, const std::string &text) {
             double uptime = std::atof(t_.root.read_file("proc/uptime").c_str()) + seconds;
             t_.root.write_file("proc/uptime", std::to_string(uptime) + " 0.00\n");
         });
+    } else if (verb == "load") {
+        if (t_.load() != 0)
+            fail(line, "the configuration does not load");
     } else if (verb == "cmd") {
         send_frame("8|" + std::string(inst.command_key) + "|0|0|" + rest);
     } else if (verb == "notify") {
@@ -376,7 +402,7 @@ void runner::step(int line, const std::string &text) {
         send_frame("8|" + key + "|0|0|" + value);
     } else if (verb == "frame") {
         send_frame(rest);
-    } else if (verb == "msg") {
+    } else if (verb == "msg" || verb == "queue") {
         std::string type;
         tovrin_conn *conn = inst.conns.find(word_at(rest, 0, &type));
         int n = 0;
@@ -385,6 +411,8 @@ void runner::step(int line, const std::string &text) {
         if (conn == nullptr || n == 10)
             return fail(line, "bad message: " + rest);
         tovrin_conn_deliver_message(&inst, nullptr, conn, n);
+        if (verb == "queue")
+            return;
     } else if (verb == "exit" || verb == "killed") {
         fake_child *c = child(line, word_at(rest, 0), word_at(rest, 1));
         if (c == nullptr)
@@ -413,6 +441,8 @@ void runner::step(int line, const std::string &text) {
         std::string content;
         std::string path = word_at(rest, 0, &content);
         t_.root.write_file(path, content + "\n");
+    } else if (verb == "mkdir") {
+        t_.root.make_dirs(rest);
     } else if (verb == "remove") {
         std::filesystem::remove(t_.root.file(rest));
     } else if (verb == "uptime") {
@@ -469,20 +499,27 @@ void runner::check(int line, const std::string &text) {
     std::string rest;
     std::string what = word_at(text, 0, &rest);
     if (what == "state") {
-        std::string state;
-        tovrin_conn *conn = t_.inst.conns.find(word_at(rest, 0, &state));
-        std::string actual = conn != nullptr ? tovrin_state_name(conn->current_state) : "(none)";
-        if (actual != state)
-            fail(line, word_at(rest, 0) + " is " + actual + ", not " + state);
-    } else if (what == "timer" || what == "idle") {
+        std::istringstream items(rest);
+        for (std::string item; std::getline(items >> std::ws, item, ',');) {
+            std::string state;
+            std::string name = word_at(item, 0, &state);
+            tovrin_conn *conn = t_.inst.conns.find(name);
+            std::string actual =
+                conn != nullptr ? tovrin_state_name(conn->current_state) : "(none)";
+            if (actual != trimmed(state))
+                fail(line, name + " is " + actual + ", not " + state);
+        }
+    } else if (what == "idle") {
+        std::istringstream names(rest);
+        for (std::string name; std::getline(names >> std::ws, name, ',');) {
+            event_slot *slot = timer(line, trimmed(name));
+            if (slot != nullptr && slot->pending())
+                fail(line, "timer " + name + " is pending");
+        }
+    } else if (what == "timer") {
         event_slot *slot = timer(line, word_at(rest, 0));
         if (slot == nullptr)
             return;
-        if (what == "idle") {
-            if (slot->pending())
-                fail(line, "timer " + rest + " is pending");
-            return;
-        }
         timeval when{}, now{};
         if (!slot->pending() || event_pending(slot->raw(), EV_TIMEOUT, &when) == 0)
             return fail(line, "timer " + rest + " is not pending");
@@ -497,7 +534,8 @@ void runner::check(int line, const std::string &text) {
         std::string produced, skipped;
         for (int n = std::atoi(word_at(rest, 2).c_str()); n > 0; n--)
             std::getline(in, skipped);
-        produced.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        produced = rooted(
+            std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()));
         std::filesystem::path golden =
             std::filesystem::path(s_.file).parent_path() / word_at(rest, 1);
         if (getenv("TOVRIN_UPDATE_GOLDEN") != nullptr)
@@ -529,18 +567,35 @@ void runner::run() {
             continue;
         if (text[0] == '|') {
             size_t cut = text.size() > 1 && text[1] == ' ' ? 2 : 1;
-            config_ += text.substr(cut) + "\n";
+            std::string config_line = text.substr(cut);
+            for (size_t at; (at = config_line.find("ROOT")) != std::string::npos;)
+                config_line.replace(at, 4, t_.root.path());
+            for (size_t at; (at = config_line.find(" ; ")) != std::string::npos;)
+                config_line.replace(at, 3, "\n\t");
+            config_ += config_line + "\n";
             config_pending_ = true;
             continue;
         }
-        step(line, text);
+        std::istringstream chained(text);
+        for (std::string one; std::getline(chained, one, ';') && !failed_;)
+            step(line, trimmed(one));
         lines expected, produced, later;
         std::vector<int> later_lines;
         for (; i < all.size() && !all[i].second.empty() &&
-               (all[i].second[0] == '\t' || all[i].second[0] == ' ');
+               (all[i].second[0] == '\t' || all[i].second[0] == ' ' || all[i].second[0] == '#');
              i++) {
             std::string e = trimmed(all[i].second);
-            if (checks.count(word_at(e, 0)) != 0) {
+            if (e[0] == '#')
+                continue;
+            std::string states;
+            std::string conn = word_at(e, 1, &states);
+            if (word_at(e, 0) == "status" && !conn.empty() && conn.back() == ':') {
+                // "status NAME: S1, S2, ..." is one status line per state.
+                std::istringstream in(states);
+                for (std::string state; std::getline(in >> std::ws, state, ',');)
+                    expected.push_back("status " + conn.substr(0, conn.size() - 1) + " " +
+                                       trimmed(state));
+            } else if (checks.count(word_at(e, 0)) != 0) {
                 later.push_back(e);
                 later_lines.push_back(all[i].first);
             } else {

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/temp_dir.h"
+
+using namespace std::chrono_literals;
+
+// Polls pred until it holds; false when timeout passes first.
+bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout = 15s);
+
+// A program started with fork and exec, its output appended to a file. The
+// object owns it: one still running when the object goes is killed.
+class child_process {
+  public:
+    child_process(const std::vector<std::string> &argv, const std::string &output);
+    child_process(const child_process &) = delete;
+    child_process &operator=(const child_process &) = delete;
+    ~child_process();
+
+    pid_t pid() const { return pid_; }
+    // The exit status, or 128 + the signal; nullopt while it runs past timeout.
+    std::optional<int> wait_exit(std::chrono::milliseconds timeout = 15s);
+
+  private:
+    pid_t pid_ = -1;
+    std::optional<int> status_;
+};
+
+// The real stord and tovrin-sandbox in a private root. What the daemon
+// published is read from the store's journal, what it logged from its log.
+class e2e_sandbox {
+  public:
+    e2e_sandbox();
+
+    // Writes the configuration and starts the daemon on it.
+    void start(const std::string &config);
+    // The states published for conn, in order.
+    std::vector<std::string> statuses(const std::string &conn) const;
+    bool wait_status(const std::string &conn, const std::string &state,
+                     std::chrono::milliseconds timeout = 15s) const;
+    std::string log() const { return root.read_file("var/log/tovrin.log"); }
+    bool wait_log(const std::string &text, std::chrono::milliseconds timeout = 15s) const;
+    // Sets a store key as another service of the appliance would.
+    void set(const std::string &key, const std::string &value) const;
+    // Ends the store: the daemon must follow with status 1, its pid file
+    // gone, nothing on its standard error.
+    void stop_store();
+
+    temp_dir root;
+    std::string stord_bin = TOVRIN_STORD_BIN;
+    std::optional<child_process> store, daemon;
+};
