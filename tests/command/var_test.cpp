@@ -153,22 +153,6 @@ TEST(VarSearch, DebugLinesFollowTheVisits) {
                        "Looking for var zz in index 4"}));
 }
 
-TEST(VarSearch, ValuesJoinWithOneBlankAfterPresentText) {
-    test_inst t;
-    t.write_config("conn a\n\tvar v val\n");
-    ASSERT_EQ(t.load(), 0);
-    tovrin_conn *a = t.conn("a");
-    bool found = false;
-    EXPECT_EQ(tovrin_var_lookup_local(a, "v", "pre", found), maybe("pre val"));
-    EXPECT_TRUE(found);
-    EXPECT_EQ(tovrin_var_lookup_local(a, "v", "", found), maybe(" val"));
-    found = true;
-    EXPECT_EQ(tovrin_var_lookup_local(a, "w", "pre", found), maybe("pre"));
-    EXPECT_TRUE(found) << "without a match the flag is left as it was";
-    EXPECT_EQ(tovrin_var_search_all(a, "w", "pre", found), maybe("pre"));
-    EXPECT_FALSE(found);
-}
-
 // Long ancestries are walked without recursion; forty diamonds in a row
 // (2^40 paths) stop at the bound, said once, with what was collected.
 TEST(VarSearch, LongChainsAndDiamondLaddersEnd) {

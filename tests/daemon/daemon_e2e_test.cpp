@@ -16,12 +16,19 @@ using strings = std::vector<std::string>;
 const strings walk_up = {"waiting to start", "starting", "starting up commands",
                          "testing",          "tested",   "up"};
 
+// app's start reports what a command sees: the helpers on its PATH and the
+// marker, /dev/null as input, its own process group, its signal state.
 std::string config(const temp_dir &root, int app_period) {
     const std::string r = root.path();
+    root.write_file("probe", "exec > " + r +
+                                 "/env\necho \"$PATH|$RUNNING_UNDER_TOVRIN\"\n"
+                                 "readlink /proc/self/fd/0\n"
+                                 "read -r _ _ _ _ g _ < /proc/$$/stat; [ $g = $$ ] && echo lead\n"
+                                 "exec grep -E '^Sig(Blk|Ign)' /proc/self/status\n");
     return "conn base\n\tstart sh -c 'touch " + r + "/base.on'\n\ttest test -e " + r +
            "/base.on\n\ttestdelay 0\n\ttestperiod 1\n\ttestthreshold 0\n"
-           "conn app\n\tparent base\n\tstart sh -c 'echo \"$PATH|$RUNNING_UNDER_TOVRIN\" > " +
-           r + "/env'\n\tup sleep 30\n\ttestperiod " + std::to_string(app_period) + "\n";
+           "conn app\n\tparent base\n\tstart sh " +
+           r + "/probe\n\tup sleep 30\n\ttestperiod " + std::to_string(app_period) + "\n";
 }
 
 // Parents come up first; a failing test restarts its conn and its children
@@ -40,7 +47,11 @@ TEST(Daemon, SupervisesRealCommandsUntilItsStoreGoes) {
     EXPECT_EQ(s.statuses("app"), app);
     EXPECT_EQ(s.root.read_file("var/run/tovrin.pid"), std::to_string(s.daemon->pid()) + "\n");
     std::string env = s.root.read_file("env");
-    EXPECT_TRUE(env.ends_with(":/bin/tovrin_helpers|yes\n")) << env;
+    EXPECT_NE(env.find(":/bin/tovrin_helpers|yes\n/dev/null\nlead\n"), std::string::npos) << env;
+    EXPECT_NE(env.find("SigBlk:\t0000000000000000\n"), std::string::npos) << env;
+    size_t ignored = env.find("SigIgn:\t");
+    ASSERT_NE(ignored, std::string::npos) << env;
+    EXPECT_EQ(std::stoull(env.substr(ignored + 8, 16), nullptr, 16) & 0x7fffffffu, 0u) << env;
 
     unlink(s.root.file("base.on").c_str());
     ASSERT_TRUE(wait_until([&] { return s.statuses("base").size() > 7; }));

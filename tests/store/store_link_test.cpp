@@ -89,6 +89,7 @@ TEST(StoreLink, WritesEachRequestLiterallyOneAtATime) {
     int small = 4096;
     setsockopt(t.daemon_end.get(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
     t.inst.globals->instance_log_mask = 0;
+    log_capture quiet;
     std::string big(300000, 'v');
     tovrin_store_send(&t.inst, TOVRIN_STORE_SET, "big", 1, big.c_str());
     tovrin_store_send(&t.inst, TOVRIN_STORE_SET, "next", 1, "x");
@@ -100,7 +101,7 @@ TEST(StoreLink, WritesEachRequestLiterallyOneAtATime) {
         ASSERT_EQ(received, expected.substr(0, received.size()));
     }
     EXPECT_EQ(received, expected);
-    EXPECT_EQ(log.count(TOVRIN_LOG_FATAL, "error writing to stord"), 0);
+    EXPECT_TRUE(quiet.records().empty()) << "a full socket is a reason to wait, not an error";
 }
 
 // One read per readiness report: a length arriving byte by byte is
@@ -157,22 +158,6 @@ TEST(StoreLink, NotificationsSplitIntoTypeKeyAndValue) {
         EXPECT_EQ(n.type, c.type) << c.body;
         EXPECT_EQ(std::string(n.key), c.key) << c.body;
         EXPECT_EQ(std::string(n.value), rs(c.value)) << c.body;
-    }
-}
-
-// The link never reconnects: once the store is gone, so is the daemon.
-TEST(StoreLinkDeath, AClosedLinkEndsTheProcessWithStatus1) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    for (size_t sent : {0, 8}) {
-        EXPECT_EXIT(
-            {
-                test_inst t;
-                store_send(t, framed(rs("8|k|1|2|value")).substr(0, sent));
-                t.store_end.reset();
-                for (int i = 0; i < 10; i++)
-                    read_once(t);
-            },
-            ::testing::ExitedWithCode(1), "");
     }
 }
 

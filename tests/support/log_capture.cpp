@@ -30,12 +30,3 @@ std::vector<std::string> log_capture::messages() const {
         out.push_back(record.message);
     return out;
 }
-
-int log_capture::count(int priority, const std::string &message) const {
-    int n = 0;
-    for (const log_record &record : records_) {
-        if (record.priority == priority && record.message == message)
-            n++;
-    }
-    return n;
-}

@@ -30,12 +30,6 @@ class log_capture {
 
     const std::vector<log_record> &records() const { return records_; }
     std::vector<std::string> messages() const;
-    // How many records carry exactly this priority and message.
-    int count(int priority, const std::string &message) const;
-    bool contains(int priority, const std::string &message) const {
-        return count(priority, message) > 0;
-    }
-    void clear() { records_.clear(); }
 
   private:
     std::vector<log_record> records_;

@@ -22,8 +22,7 @@
 //   fire TIMER                   a pending timer fires (see timers below)
 //   clock +N                     the monotonic clock moves N seconds on
 //   hup | usr1 | usr2            the signal arrives
-//   write PATH TEXT | remove PATH | mkdir PATH   a file under the root changes
-//   uptime SECONDS               the uptime file reads SECONDS
+//   write PATH TEXT | remove PATH   a file under the root changes
 //   nospawn PROG | spawn PROG    spawning PROG fails from now on | works again
 //
 // Expectations, indented under a step. Events are matched per channel, in
@@ -134,17 +133,6 @@ struct fake_child {
     bool alive = true;
 };
 
-const char *signal_name(int sig) {
-    switch (sig) {
-        case SIGTERM:
-            return "TERM";
-        case SIGKILL:
-            return "KILL";
-        default:
-            return "?";
-    }
-}
-
 class runner {
   public:
     explicit runner(const scenario &s) : s_(s) {}
@@ -238,8 +226,10 @@ void runner::hook_instance() {
     inst.signal_group = [this](pid_t pid, int sig) {
         for (const auto &child : children_) {
             if (child->pid == pid)
-                proc_.push_back("kill " + child->conn + " " + child->argv.front() + " " +
-                                signal_name(sig));
+                proc_.push_back("kill " + child->conn + " " + child->argv.front() +
+                                (sig == SIGTERM   ? " TERM"
+                                 : sig == SIGKILL ? " KILL"
+                                                  : " ?"));
         }
         return 0;
     };
@@ -441,12 +431,8 @@ void runner::step(int line, const std::string &text) {
         std::string content;
         std::string path = word_at(rest, 0, &content);
         t_.root.write_file(path, content + "\n");
-    } else if (verb == "mkdir") {
-        t_.root.make_dirs(rest);
     } else if (verb == "remove") {
         std::filesystem::remove(t_.root.file(rest));
-    } else if (verb == "uptime") {
-        t_.root.write_file("proc/uptime", rest + " 0.00\n");
     } else if (verb == "nospawn") {
         failing_.insert(rest);
     } else if (verb == "spawn") {

@@ -42,33 +42,3 @@ bool test_inst::dispatch() {
 void test_inst::deliver(const std::string &name, int type) {
     tovrin_conn_deliver_message(&inst, nullptr, conn(name), type);
 }
-
-std::vector<std::string> test_inst::take_store_requests() {
-    char buf[65536];
-    ssize_t n;
-    while ((n = read(store_end.get(), buf, sizeof buf)) > 0)
-        received_.append(buf, static_cast<size_t>(n));
-    // The head may be partly written already; its rest follows.
-    for (const tovrin_store_msg &msg : inst.store_out_queue) {
-        size_t done = &msg == &inst.store_out_queue.front() ? inst.store_tx_state : 0;
-        received_.append(msg.frame, done);
-    }
-    inst.store_out_queue.clear();
-    inst.store_tx_state = 0;
-
-    std::vector<std::string> bodies;
-    size_t pos = 0;
-    while (received_.size() - pos >= 4) {
-        const auto *p = reinterpret_cast<const unsigned char *>(received_.data() + pos);
-        size_t length = (size_t{p[0]} << 24) | (size_t{p[1]} << 16) | (size_t{p[2]} << 8) | p[3];
-        std::string body = received_.substr(pos + 4, length);
-        for (char &c : body) {
-            if (c == '\x1e')
-                c = '|';
-        }
-        bodies.push_back(body);
-        pos += 4 + length;
-    }
-    received_.clear();
-    return bodies;
-}

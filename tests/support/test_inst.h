@@ -30,17 +30,10 @@ class test_inst {
     void deliver(const std::string &name, int type);
     // The conn in force named name, or null (without logging).
     tovrin_conn *conn(const std::string &name) { return inst.conns.find(name); }
-    // The bodies of the store requests made since the last call, oldest
-    // first, with the separator byte shown as '|': those the writer already
-    // sent, then those still queued (the queue is emptied).
-    std::vector<std::string> take_store_requests();
 
     temp_dir root;
     tovrin_paths paths;
     unique_fd store_end;
     unique_fd daemon_end;
     tovrin_inst inst;
-
-  private:
-    std::string received_;  // bytes read from the store's end, not yet split
 };
