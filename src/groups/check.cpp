@@ -65,12 +65,11 @@ int check_orderedgroup(tovrin_conn *group, tovrin_conn *conn, int request) {
         if (group->active_conn_name.empty())
             return 1;
     }
-    int result = 0;
-    if (group->current_state <= TOVRIN_STATE_STOPPING_MEMBERS) {
-        bool active = conn->name == group->active_conn_name;
-        result = orderedgroup_decide(group_class_of(group->current_state), active,
+    if (group->current_state > TOVRIN_STATE_STOPPING_MEMBERS)
+        return 0;
+    bool active = conn->name == group->active_conn_name;
+    int result = orderedgroup_decide(group_class_of(group->current_state), active,
                                      group->mutex != 0, request);
-    }
     if (debug_general(conn)) {
         tovrin_log(TOVRIN_LOG_INFO,
                    group->mutex != 0 ? "tovrin_conn_check_orderedgroup_mutex(%s, %s, %d) = %d"

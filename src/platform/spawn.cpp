@@ -112,6 +112,26 @@ class spawn_actions {
     bool ok_ = false;
 };
 
+// Whether posix_spawnp failed in the child's exec, the program being
+// missing or unusable, rather than in making the child.
+bool exec_failed(int error) {
+    switch (error) {
+        case ENOENT:
+        case EACCES:
+        case ENOEXEC:
+        case ENOTDIR:
+        case ELOOP:
+        case ENAMETOOLONG:
+        case EISDIR:
+        case ETXTBSY:
+        case E2BIG:
+        case EPERM:
+            return true;
+        default:
+            return false;
+    }
+}
+
 }  // namespace
 
 pid_t veltrane_proc_execp_nowait_fds(const char *file, char *const argv[], void *reserved,
@@ -131,11 +151,23 @@ pid_t veltrane_proc_execp_nowait_fds(const char *file, char *const argv[], void 
     if (rc == 0)
         rc = actions.setup(out.write_end.get(), err.write_end.get());
     pid_t pid = -1;
-    // The C library reports a failed exec (not found, not executable) as an
-    // error here and has already reaped the child, so no copy of the caller
-    // survives it.
     if (rc == 0)
         rc = posix_spawnp(&pid, file, actions.get(), attr.get(), argv, environ);
+    int exec_error = 0;
+    if (rc != 0 && exec_failed(rc)) {
+        // The C library has already reaped the child whose exec failed. As
+        // after fork and exec, a child stands in for it and exits with 127,
+        // so the caller sees a command that ran and failed.
+        exec_error = rc;
+        pid = fork();
+        if (pid == 0) {
+            setpgid(0, 0);
+            _exit(127);
+        }
+        rc = pid > 0 ? 0 : errno;
+        if (pid > 0)
+            setpgid(pid, pid);
+    }
     if (rc != 0) {
         errno = rc;
         return -1;
@@ -144,5 +176,6 @@ pid_t veltrane_proc_execp_nowait_fds(const char *file, char *const argv[], void 
     // soon as the child and everything it started have closed theirs.
     *stdout_fd = out.read_end.release();
     *stderr_fd = err.read_end.release();
+    errno = exec_error;
     return pid;
 }

@@ -9,8 +9,9 @@
 // stderr_fd and belong to the caller. The child starts with every signal a
 // caller can catch or ignore at its default disposition and an empty signal
 // mask. reserved must be null.
-// Returns the child's pid, which the caller reaps; or -1 with errno set and
-// nothing left open or running, also when the program cannot be found or
-// executed.
+// Returns the child's pid, which the caller reaps, with errno 0; or -1 with
+// errno set and nothing left open or running when no child can be made. A
+// program that cannot be found or executed still gives a child, which exits
+// with status 127 at once; errno then names the cause.
 pid_t veltrane_proc_execp_nowait_fds(const char *file, char *const argv[], void *reserved,
                                      int *stdout_fd, int *stderr_fd);

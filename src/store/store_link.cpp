@@ -174,8 +174,16 @@ void tovrin_store_read(evutil_socket_t fd, short, void *arg) {
         if (inst->store_rx_header_count < TOVRIN_FRAME_HEADER)
             return;
 
-        inst->store_rx_state = 2;
         inst->store_rx_length = tovrin_frame_length(inst->store_rx_header);
+        if (inst->store_rx_length == 0) {
+            // Nothing will ever arrive for an empty body, and a read of no
+            // bytes would look like a closed link: it is a notification
+            // without key or value, and the next frame follows.
+            tovrin_log(TOVRIN_LOG_FATAL, "error handling stord message");
+            inst->store_rx_state = 0;
+            return;
+        }
+        inst->store_rx_state = 2;
         // calloc leaves untouched pages unbacked, so a large announced length
         // costs only what actually arrives.
         inst->store_rx_buffer.reset(static_cast<char *>(calloc(inst->store_rx_length + 1, 1)));
@@ -191,8 +199,8 @@ void tovrin_store_read(evutil_socket_t fd, short, void *arg) {
     if (n < 0 && errno == EAGAIN)
         return;
     if (n <= 0) {
-        // A closed link or an empty body would report readiness forever;
-        // leaving here is the only way that cannot spin.
+        // A closed link would report readiness forever; leaving here is the
+        // only way that cannot spin.
         tovrin_log(TOVRIN_LOG_FATAL, "error reading message from stord");
         store_link_lost();
     }

@@ -112,7 +112,6 @@ TEST_F(GroupCheck, EdgesAndTheDebugLine) {
                   {TOVRIN_LOG_FATAL, "group name missing not found"},
                   {TOVRIN_LOG_ERROR,
                    "tovrin_conn_check_group called with a conn y with an invalid group of lone"},
-                  {TOVRIN_LOG_INFO, "tovrin_conn_check_orderedgroup_mutex(g, b, 5) = 0"},
               }));
 }
 

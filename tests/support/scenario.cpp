@@ -24,6 +24,7 @@
 //   hup | usr1 | usr2            the signal arrives
 //   write PATH TEXT | remove PATH   a file under the root changes
 //   nospawn PROG | spawn PROG    spawning PROG fails from now on | works again
+//   missing PROG                 PROG cannot be executed: its child must exit 127
 //
 // Expectations, indented under a step. Events are matched per channel, in
 // order and exactly, unless the step lists "..." (then in order among
@@ -166,7 +167,7 @@ class runner {
     timespec clock_{1000, 0};
     std::vector<std::unique_ptr<fake_child>> children_;
     pid_t next_pid_ = 4000000;
-    std::set<std::string> failing_;
+    std::set<std::string> failing_, missing_;
     lines proc_;
     std::string store_bytes_;
     std::string config_;
@@ -204,6 +205,7 @@ void runner::hook_instance() {
             errno = ENOENT;
             return -1;
         }
+        int exec_error = missing_.count(file) != 0 ? ENOENT : 0;
         auto child = std::make_unique<fake_child>();
         child->pid = next_pid_++;
         child->conn = conn_running(argv[0]);
@@ -221,6 +223,7 @@ void runner::hook_instance() {
             shown.push_back(arg.empty() ? "''" : visible(arg));
         proc_.push_back("run " + child->conn + " " + join(shown));
         children_.push_back(std::move(child));
+        errno = exec_error;
         return children_.back()->pid;
     };
     inst.signal_group = [this](pid_t pid, int sig) {
@@ -437,6 +440,8 @@ void runner::step(int line, const std::string &text) {
         failing_.insert(rest);
     } else if (verb == "spawn") {
         failing_.erase(rest);
+    } else if (verb == "missing") {
+        missing_.insert(rest);
     } else {
         return fail(line, "unknown step: " + text);
     }
