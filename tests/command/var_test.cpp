@@ -8,6 +8,8 @@
 
 #include "daemon/log_mask.h"
 #include "supervise/conn.h"
+#include "supervise/message.h"
+#include "supervise/state.h"
 #include "support/log_capture.h"
 #include "support/test_inst.h"
 
@@ -178,6 +180,20 @@ TEST(VarSearch, LongChainsAndDiamondLaddersEnd) {
     EXPECT_EQ(all->substr(0, 4), "t t ");
     EXPECT_EQ(log.messages(),
               (strings{"variable search for x stopped after visiting 100000 conns"}));
+
+    // Closed into a cycle, the chain is its own ancestry: a start walks it
+    // up to the conn it began with and waits there; a search meets the cycle.
+    test_inst u;
+    text.replace(text.find("var x end"), 9, "parent c0");
+    u.write_config(text);
+    ASSERT_EQ(u.load(), 0);
+    u.deliver("c5000", TOVRIN_MSG_START);
+    ASSERT_TRUE(u.dispatch());
+    EXPECT_EQ(u.conn("c0")->current_state, TOVRIN_STATE_WAITING_TO_START);
+    log_capture cycle;
+    EXPECT_EQ(tovrin_var_expand(u.conn("c0"), "nothing"), std::nullopt);
+    EXPECT_EQ(cycle.messages(),
+              (strings{"variable search for nothing found a cycle through conn c0"}));
 }
 
 }  // namespace

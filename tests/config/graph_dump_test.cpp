@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -70,6 +71,10 @@ TEST(GraphDump, SnapshotsAppearOnlyWhileTheMarkerExists) {
     tovrin_conn_deliver_message(&t.inst, t.conn("a"), t.conn("b"), TOVRIN_MSG_CHECK_STOP);
     std::vector<std::string> names = files();
     ASSERT_EQ(names.size(), 1u);
+    time_t now = time(nullptr);
+    char day[16];
+    strftime(day, sizeof day, "%Y%m%d", localtime(&now));
+    EXPECT_EQ(names[0].substr(0, 8), day);
     EXPECT_EQ(names[0].size(), std::string("20261124-101010.123456789.dot").size()) << names[0];
     std::string text = t.root.read_file("var/mnt/storage.usb/" + names[0]);
     size_t body = text.find("\tlabel=");

@@ -36,7 +36,7 @@ std::string config(const temp_dir &root, int app_period) {
 // the dumps appear; the daemon ends with its store and takes its pid file.
 TEST(Daemon, SupervisesRealCommandsUntilItsStoreGoes) {
     e2e_sandbox s;
-    s.root.write_file("var/run/tovrin.pid", "999999999\n");
+    s.root.write_file("var/run/tovrin.pid", "1 left over by a crash\n");
     s.start(config(s.root, 30));
     ASSERT_TRUE(s.wait_status("app", "up")) << s.log();
     strings base = {"down"},

@@ -56,9 +56,11 @@ std::optional<int> child_process::wait_exit(std::chrono::milliseconds timeout) {
     return status_;
 }
 
-e2e_sandbox::e2e_sandbox() {
+e2e_sandbox::e2e_sandbox(bool with_store) {
     for (const char *dir : {"etc/config", "var/run", "var/log", "tmp", "proc"})
         root.make_dirs(dir);
+    if (!with_store)
+        return;
     store.emplace(std::vector<std::string>{stord_bin, "--socket", root.file("var/run/stord.sock"),
                                            "--journal", root.file("journal")},
                   root.file("stord.out"));
@@ -104,8 +106,10 @@ void e2e_sandbox::set(const std::string &key, const std::string &value) const {
 }
 
 void e2e_sandbox::stop_store() {
-    kill(store->pid(), SIGTERM);
-    EXPECT_EQ(store->wait_exit(), 0);
+    if (store) {
+        kill(store->pid(), SIGTERM);
+        EXPECT_EQ(store->wait_exit(), 0);
+    }
     if (daemon) {
         EXPECT_EQ(daemon->wait_exit(), 1);
         EXPECT_FALSE(root.exists("var/run/tovrin.pid"));

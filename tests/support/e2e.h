@@ -37,7 +37,8 @@ class child_process {
 // published is read from the store's journal, what it logged from its log.
 class e2e_sandbox {
   public:
-    e2e_sandbox();
+    // Starts stord on the root's socket, unless the test plays the store.
+    explicit e2e_sandbox(bool with_store = true);
 
     // Writes the configuration and starts the daemon on it.
     void start(const std::string &config);

@@ -1,0 +1,113 @@
+// A few hundred conns whose tests fail at random, reloads between two
+// configurations, operators' commands and dumps, for a bounded time
+// (TOVRIN_SOAK_SECONDS, 60 unless set). Afterwards everything is healthy
+// again and the daemon holds what it held after warming up.
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "stord/client.h"
+#include "support/e2e.h"
+
+namespace {
+
+// Chains of ten; the second configuration changes every third chain's
+// test period and drops the last conn.
+std::string config(const std::string &root, bool second) {
+    std::string text = "global\n\tkeepalive 2\n\tconfigreloadtimeout 20\n";
+    int conns = second ? 199 : 200;
+    for (int i = 0; i < conns; i++) {
+        text += "conn c" + std::to_string(i) + "\n\tlog none\n\tup sleep 1000\n\ttestdelay 0\n";
+        text +=
+            "\ttestthreshold 0\n\ttestperiod " + std::to_string(second && i / 10 % 3 == 0 ? 3 : 2);
+        text += "\n\ttest sh -c '[ ! -e " + root +
+                "/flap ] || [ $(od -An -N1 -tu1 /dev/urandom) -lt 230 ]'\n";
+        if (i % 10 != 0)
+            text += "\tparent c" + std::to_string(i - 1) + "\n";
+    }
+    return text;
+}
+
+int fd_count(pid_t pid) {
+    int n = 0;
+    if (DIR *dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str())) {
+        while (readdir(dir) != nullptr)
+            n++;
+        closedir(dir);
+    }
+    return n;
+}
+
+long rss_kib(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmRSS:", 0) == 0)
+            return std::stol(line.substr(6));
+    }
+    return -1;
+}
+
+TEST(Soak, FlappingReloadsCommandsAndDumps) {
+    const char *limit = getenv("TOVRIN_SOAK_SECONDS");
+    const auto soak = std::chrono::seconds(limit != nullptr ? std::atoi(limit) : 60);
+    // What the sanitizer keeps of freed memory would hide what the daemon
+    // keeps.
+    std::string asan = getenv("ASAN_OPTIONS") != nullptr ? getenv("ASAN_OPTIONS") : "";
+    setenv("ASAN_OPTIONS", (asan + ":quarantine_size_mb=4").c_str(), 1);
+    e2e_sandbox s;
+    const std::string r = s.root.path();
+    s.start(config(r, false));
+    stord_client store(s.root.file("var/run/stord.sock"));
+    auto all_up = [&] {
+        for (int i = 0; i < 200; i++) {
+            if (store.get("tovrin.c" + std::to_string(i) + ".status") != "up")
+                return false;
+        }
+        return true;
+    };
+    ASSERT_TRUE(wait_until(all_up, 120s)) << s.log();
+    const int warm_fds = fd_count(s.daemon->pid());
+    const long warm_rss = rss_kib(s.daemon->pid());
+    s.root.write_file("flap", "");
+    std::mt19937 random(2026);
+    const auto begin = std::chrono::steady_clock::now();
+    for (int round = 0; std::chrono::steady_clock::now() - begin < soak; round++) {
+        switch (random() % 5) {
+            case 0:
+                s.root.write_file("etc/config/tovrin.conf", config(r, round % 2));
+                kill(s.daemon->pid(), SIGHUP);
+                break;
+            case 1:
+                kill(s.daemon->pid(), random() % 2 ? SIGUSR1 : SIGUSR2);
+                break;
+            default:
+                const char *verbs[] = {"start", "stop", "restart", "failover"};
+                store.set("config.tovrin.command",
+                          "c" + std::to_string(random() % 200) + ",soak," + verbs[random() % 4]);
+        }
+        std::this_thread::sleep_for(300ms);
+    }
+    // Healthy again, on the first configuration: the keepalive brings back
+    // what the operators stopped, and everything comes up.
+    unlink(s.root.file("flap").c_str());
+    s.root.write_file("etc/config/tovrin.conf", config(r, false));
+    kill(s.daemon->pid(), SIGHUP);
+    ASSERT_TRUE(wait_until(all_up, 120s)) << s.log();
+    std::string journal = s.root.read_file("journal");
+    size_t downs = 0;
+    for (size_t at = 0; (at = journal.find(" 2 down\n", at)) != std::string::npos; at++)
+        downs++;
+    EXPECT_GT(downs, 400u) << "the soak flapped too little";
+    EXPECT_LE(fd_count(s.daemon->pid()), warm_fds);
+    EXPECT_LE(rss_kib(s.daemon->pid()), warm_rss + 8 * 1024);
+    s.stop_store();
+}
+
+}  // namespace
