@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
-# Installs what the build needs (only what is missing), then configures and
-# builds one tree. Quiet and idempotent when everything is already there.
+# Installs what the build needs (only what is missing, plus any packages
+# named in SETUP_EXTRA_PACKAGES), then configures and builds one tree. Quiet
+# and idempotent when everything is already there.
 #
 #   scripts/setup.sh [BUILD_DIR [extra cmake arguments...]]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(g++ cmake pkg-config libevent-dev liblog4c-dev libgtest-dev graphviz)
+packages=(g++ cmake pkg-config libevent-dev liblog4c-dev libgtest-dev graphviz ${SETUP_EXTRA_PACKAGES:-})
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

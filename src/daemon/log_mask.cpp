@@ -72,13 +72,13 @@ int tovrin_log_mask_parse(const tovrin_log_mask_vocabulary &vocabulary, const ch
     if (word == nullptr || mask == nullptr)
         return -1;
 
-    enum { replace, add, remove } how = replace;
+    enum { replace, add, take_away } how = replace;
     const char *name = word;
     if (*name == '+') {
         how = add;
         name++;
     } else if (*name == '-') {
-        how = remove;
+        how = take_away;
         name++;
     }
 
@@ -97,7 +97,7 @@ int tovrin_log_mask_parse(const tovrin_log_mask_vocabulary &vocabulary, const ch
         case add:
             *mask |= row->value;
             break;
-        case remove:
+        case take_away:
             *mask &= ~row->value;
             break;
         case replace:

@@ -17,12 +17,13 @@ const strings walk_up = {"waiting to start", "starting", "starting up commands",
                          "testing",          "tested",   "up"};
 
 // app's start reports what a command sees: the helpers on its PATH and the
-// marker, /dev/null as input, its own process group, its signal state.
+// marker, /dev/null as input, its own process group, its signal state;
+// what it writes on standard error goes to its pipe, not the daemon's.
 std::string config(const temp_dir &root, int app_period) {
     const std::string r = root.path();
     root.write_file("probe", "exec > " + r +
                                  "/env\necho \"$PATH|$RUNNING_UNDER_TOVRIN\"\n"
-                                 "readlink /proc/self/fd/0\n"
+                                 "readlink /proc/self/fd/0\necho to-the-pipe >&2\n"
                                  "read -r _ _ _ _ g _ < /proc/$$/stat; [ $g = $$ ] && echo lead\n"
                                  "exec grep -E '^Sig(Blk|Ign)' /proc/self/status\n");
     return "conn base\n\tstart sh -c 'touch " + r + "/base.on'\n\ttest test -e " + r +

@@ -1,0 +1,14 @@
+// The split of a notification body into its fields.
+
+#include <cstdint>
+#include <string_view>
+
+#include "store/frame.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    tovrin_notification n =
+        tovrin_notification_parse(std::string_view(reinterpret_cast<const char *>(data), size));
+    if (n.key.size() + n.value.size() > size)
+        __builtin_trap();
+    return 0;
+}
