@@ -3,12 +3,10 @@
 // (TOVRIN_SOAK_SECONDS, 60 unless set). Afterwards everything is healthy
 // again and the daemon holds what it held after warming up.
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <random>
 #include <string>
 #include <thread>
@@ -33,25 +31,6 @@ std::string config(const std::string &root, bool second) {
             text += "\tparent c" + std::to_string(i - 1) + "\n";
     }
     return text;
-}
-
-int fd_count(pid_t pid) {
-    int n = 0;
-    if (DIR *dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str())) {
-        while (readdir(dir) != nullptr)
-            n++;
-        closedir(dir);
-    }
-    return n;
-}
-
-long rss_kib(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::stol(line.substr(6));
-    }
-    return -1;
 }
 
 TEST(Soak, FlappingReloadsCommandsAndDumps) {
@@ -103,7 +82,7 @@ TEST(Soak, FlappingReloadsCommandsAndDumps) {
     // The warm-up runs the same churn, so that what the allocator keeps for
     // reuse (much more under the sanitizer) is already counted.
     ASSERT_TRUE(churn(soak / 3)) << s.log();
-    const int warm_fds = fd_count(s.daemon->pid());
+    const int warm_fds = open_fd_count(s.daemon->pid());
     const long warm_rss = rss_kib(s.daemon->pid());
     ASSERT_TRUE(churn(soak - soak / 3)) << s.log();
     std::string journal = s.root.read_file("journal");
@@ -111,7 +90,7 @@ TEST(Soak, FlappingReloadsCommandsAndDumps) {
     for (size_t at = 0; (at = journal.find(" 2 down\n", at)) != std::string::npos; at++)
         downs++;
     EXPECT_GT(downs, 400u) << "the soak flapped too little";
-    EXPECT_LE(fd_count(s.daemon->pid()), warm_fds);
+    EXPECT_LE(open_fd_count(s.daemon->pid()), warm_fds);
     EXPECT_LE(rss_kib(s.daemon->pid()), warm_rss + 4 * 1024);
     s.stop_store();
 }

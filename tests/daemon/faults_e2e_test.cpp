@@ -7,7 +7,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -49,15 +48,6 @@ struct raw_store {
     }
     unique_fd listener, daemon;
 };
-
-long rss_kib(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::stol(line.substr(6));
-    }
-    return -1;
-}
 
 // The link never reconnects: a store gone between frames or in the middle of
 // one ends the daemon at once, its pid file with it. An empty body ends

@@ -1,8 +1,8 @@
 #include "supervise/action.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <functional>
@@ -12,6 +12,7 @@
 #include "supervise/action_queue.h"
 #include "supervise/conn.h"
 #include "supervise/state.h"
+#include "support/e2e.h"
 #include "support/log_capture.h"
 #include "support/test_inst.h"
 
@@ -33,16 +34,6 @@ TEST(Action, CommandLineKeepsTheArgumentsThatFit) {
     };
     for (const auto &c : cases)
         EXPECT_EQ(tovrin_action_command_line(c.argv), c.line);
-}
-
-int open_fd_count() {
-    int count = 0;
-    if (DIR *dir = opendir("/proc/self/fd")) {
-        while (readdir(dir) != nullptr)
-            count++;
-        closedir(dir);
-    }
-    return count;
 }
 
 void tick_cb(evutil_socket_t, short, void *) {}
@@ -73,7 +64,7 @@ TEST(Action, RealChildrenAreDrainedReapedAndForgotten) {
         "\tup sh -c 'printf \"ab\\0cd\"; exec >&- 2>&-; sleep 30'\n"
         "\tup sh -c 'yes | head -c 1000000; yes | head -c 100000 >&2; exec >&- 2>&-; sleep 30'\n");
     ASSERT_EQ(t.load(), 0);
-    int fds = open_fd_count();
+    int fds = open_fd_count(getpid());
     tovrin_conn *a = t.conn("a");
     t.deliver("a", TOVRIN_MSG_START);
     ASSERT_TRUE(wait_for(t, [&] { return a->queued_up_actions.size() == 2; }));
@@ -89,7 +80,7 @@ TEST(Action, RealChildrenAreDrainedReapedAndForgotten) {
     t.deliver("a", TOVRIN_MSG_STOP);
     ASSERT_TRUE(wait_for(t, [&] { return a->current_state == TOVRIN_STATE_DOWN; }));
     EXPECT_TRUE(t.inst.running_actions.empty());
-    EXPECT_EQ(open_fd_count(), fds);
+    EXPECT_EQ(open_fd_count(getpid()), fds);
 }
 
 }  // namespace

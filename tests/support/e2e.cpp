@@ -7,6 +7,8 @@
 
 #include <fcntl.h>
 
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <thread>
 
@@ -20,6 +22,21 @@ bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds tim
         std::this_thread::sleep_for(10ms);
     }
     return true;
+}
+
+int open_fd_count(pid_t pid) {
+    std::error_code error;
+    auto fds = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error);
+    return static_cast<int>(std::distance(fds, {}));
+}
+
+long rss_kib(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmRSS:", 0) == 0)
+            return std::stol(line.substr(6));
+    }
+    return -1;
 }
 
 child_process::child_process(const std::vector<std::string> &argv, const std::string &output) {

@@ -15,6 +15,10 @@ using namespace std::chrono_literals;
 // Polls pred until it holds; false when timeout passes first.
 bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout = 15s);
 
+// What /proc says of a process: its open descriptors, its resident KiB.
+int open_fd_count(pid_t pid);
+long rss_kib(pid_t pid);
+
 // A program started with fork and exec, its output appended to a file. The
 // object owns it: one still running when the object goes is killed.
 class child_process {
