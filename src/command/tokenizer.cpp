@@ -80,6 +80,7 @@ struct tokenizer_state {
     size_t var_length = 0;
     // Quotes met inside unquoted tokens; they group nothing, but must pair.
     std::string quote_stack;
+    std::vector<std::string> *unresolved = nullptr;
 };
 
 // Applies the first rule that matches command[i].
@@ -97,9 +98,12 @@ void tokenizer_step(tovrin_conn *conn, parsed_argv *args, tokenizer_state &s, co
     }
     if (s.in_var) {
         s.var_name[s.var_length] = '\0';
-        std::optional<std::string> value = tovrin_var_expand(conn, s.var_name);
+        bool found = false;
+        std::optional<std::string> value = tovrin_var_expand(conn, s.var_name, &found);
         if (value.has_value())
             argv_token_addstr(args, value->c_str());
+        if (!found && s.unresolved != nullptr)
+            s.unresolved->emplace_back(s.var_name);
         // A reference that found nothing still counts as part of the token,
         // so a closing quote or a blank after it stores the token.
         s.var_length = 0;
@@ -162,12 +166,14 @@ void tokenizer_step(tovrin_conn *conn, parsed_argv *args, tokenizer_state &s, co
 
 }  // namespace
 
-std::unique_ptr<parsed_argv> str2argv(tovrin_conn *conn, const char *command) {
+std::unique_ptr<parsed_argv> str2argv(tovrin_conn *conn, const char *command,
+                                      std::vector<std::string> *unresolved) {
     std::unique_ptr<parsed_argv> args = argv_init();
     if (args == nullptr || command == nullptr)
         return args;
 
     tokenizer_state s;
+    s.unresolved = unresolved;
     size_t length = strlen(command);
     try {
         for (size_t i = 0; i < length && !args->out_of_memory; i++)

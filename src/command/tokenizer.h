@@ -43,5 +43,7 @@ void argv_token_finish(parsed_argv *args);
 // backslash escapes and %reference% expansion on behalf of conn. Syntax
 // errors are logged and the tokens completed so far are kept. When memory
 // runs out the result holds no token (argc 0). Null only when not even the
-// record could be allocated; callers treat that like argc 0.
-std::unique_ptr<parsed_argv> str2argv(tovrin_conn *conn, const char *command);
+// record could be allocated; callers treat that like argc 0. References that
+// no variable answered are appended to *unresolved when it is given.
+std::unique_ptr<parsed_argv> str2argv(tovrin_conn *conn, const char *command,
+                                      std::vector<std::string> *unresolved = nullptr);

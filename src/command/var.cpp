@@ -364,7 +364,10 @@ constexpr var_strategy_row var_strategies[] = {
 
 }  // namespace
 
-std::optional<std::string> tovrin_var_expand(tovrin_conn *conn, const char *reference) {
+std::optional<std::string> tovrin_var_expand(tovrin_conn *conn, const char *reference,
+                                             bool *found_out) {
+    if (found_out != nullptr)
+        *found_out = false;
     if (conn == nullptr || reference == nullptr)
         return std::nullopt;
     var_strategy search = tovrin_var_search_first;
@@ -384,5 +387,8 @@ std::optional<std::string> tovrin_var_expand(tovrin_conn *conn, const char *refe
                        reference);
     }
     bool found = false;
-    return search(conn, std::string(name), std::nullopt, found);
+    std::optional<std::string> value = search(conn, std::string(name), std::nullopt, found);
+    if (found_out != nullptr)
+        *found_out = found;
+    return value;
 }

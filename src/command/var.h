@@ -85,5 +85,7 @@ std::optional<std::string> tovrin_var_search_first(tovrin_conn *conn, const std:
                                                    std::optional<std::string> text, bool &found);
 
 // Expands a reference ("name" or "strategy:name") on behalf of conn; nullopt
-// when nothing was found. May throw std::bad_alloc.
-std::optional<std::string> tovrin_var_expand(tovrin_conn *conn, const char *reference);
+// when nothing was found. *found, when given, tells a variable that holds no
+// value yet from none at all. May throw std::bad_alloc.
+std::optional<std::string> tovrin_var_expand(tovrin_conn *conn, const char *reference,
+                                             bool *found = nullptr);

@@ -145,6 +145,20 @@ void tovrin_graph_node(const tovrin_conn *conn, FILE *out, int cluster) {
     fputs("\t}\n", out);
 }
 
+void tovrin_graph_write(tovrin_inst *inst, FILE *out) {
+    // asctime's own line break puts the end of this comment on a line of
+    // its own. Write errors are tolerated.
+    fprintf(out, "/* %s */\n", tovrin_dump_local_time().c_str());
+    fputs("/* Process with graphviz's dot utility: */\n", out);
+    fputs("/* dot tovrin.dot -Tgif > tovrin.gif */\n", out);
+    fputs("digraph G {\n", out);
+    fputs("\tcompound=true;\n", out);
+    int cluster = 0;
+    for (tovrin_conn &conn : inst->conns)
+        tovrin_graph_node(&conn, out, cluster++);
+    fputs("}\n", out);
+}
+
 void tovrin_graph_dump(evutil_socket_t, short, void *arg) {
     auto *inst = static_cast<tovrin_inst *>(arg);
     if (inst == nullptr || inst->paths == nullptr)
@@ -158,17 +172,7 @@ void tovrin_graph_dump(evutil_socket_t, short, void *arg) {
         tovrin_log(TOVRIN_LOG_FATAL, "Failed to dump graphviz");
         return;
     }
-    // asctime's own line break puts the end of this comment on a line of
-    // its own. Write errors are tolerated.
-    fprintf(out.get(), "/* %s */\n", tovrin_dump_local_time().c_str());
-    fputs("/* Process with graphviz's dot utility: */\n", out.get());
-    fputs("/* dot tovrin.dot -Tgif > tovrin.gif */\n", out.get());
-    fputs("digraph G {\n", out.get());
-    fputs("\tcompound=true;\n", out.get());
-    int cluster = 0;
-    for (tovrin_conn &conn : inst->conns)
-        tovrin_graph_node(&conn, out.get(), cluster++);
-    fputs("}\n", out.get());
+    tovrin_graph_write(inst, out.get());
 }
 
 void tovrin_mq_snapshot(tovrin_inst *inst, const char *, const char *, const char *, int) {

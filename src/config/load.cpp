@@ -76,6 +76,7 @@ int header_definition(config_parser *p, const header_kind &kind, const char *nam
     // Without a record the clauses that follow would apply to nothing.
     if (conn == nullptr)
         return -1;
+    conn->config_line = p->inst->config_line;
     p->current = conn;
     p->definition_seen = true;
     p->where = config_parser::definition;
@@ -138,11 +139,17 @@ int line_parse(config_parser *p, char *line, char *line_copy) {
 int file_parse(tovrin_inst *inst, FILE *file) {
     std::vector<char> line(line_buffer_size), line_copy(line_buffer_size);
     config_parser parser{inst};
-    while (fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
-        if (line_parse(&parser, line.data(), line_copy.data()) != 0)
-            return -1;
+    int result = 0;
+    bool line_ended = true;
+    while (result == 0 && fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {
+        // The further pieces of a long line keep its number.
+        if (line_ended)
+            inst->config_line++;
+        line_ended = strchr(line.data(), '\n') != nullptr;
+        result = line_parse(&parser, line.data(), line_copy.data());
     }
-    return 0;
+    inst->config_line = 0;
+    return result;
 }
 
 }  // namespace
@@ -172,6 +179,7 @@ int tovrin_config_load(tovrin_inst *inst, tovrin_config_handover handover) {
     } catch (const std::bad_alloc &) {
         tovrin_log(TOVRIN_LOG_FATAL, "Failed to allocate memory to parse config");
     }
+    inst->config_line = 0;
     if (result == 0) {
         try {
             tovrin_config_fixup(inst, handover);

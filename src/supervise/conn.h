@@ -59,6 +59,7 @@ struct tovrin_conn {
     int restart_after_stopping = 0;
     int start_after_reload = 0;
     int currently_failing_over = 0;
+    int config_line = 0;  // line of its header in the file it came from; 0 when deaf
     event_slot test_event;
     event_slot failforward_event;
     event_slot failover_event;

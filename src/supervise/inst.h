@@ -94,6 +94,10 @@ struct tovrin_inst {
     std::deque<tovrin_msg> message_queue;
     event_slot dispatch_event;
     bool reloading_config = false;
+    // The line of the configuration file being read, counted from 1; 0
+    // outside a load. Lets whoever reads the log say where a message came
+    // from.
+    int config_line = 0;
 };
 
 // The key through which the store hands the daemon its control commands.

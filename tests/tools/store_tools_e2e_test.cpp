@@ -32,6 +32,27 @@ TEST(StoreTools, StorectlSubcommandsAndTheirStatuses) {
     EXPECT_EQ(storectl(s, {"dump"}),
               result(0, "a=hello world\nconfig.tovrin.command=wan,cli,restart\n"));
     EXPECT_EQ(storectl(s, {"del", "a"}), result(0, ""));
+
+    // status: one line per conn with a status key, groups with their
+    // active member and last failover in local time.
+    setenv("TZ", "UTC", 1);
+    for (auto [key, value] : {std::pair{"tovrin.a.b.status", "waiting to start"},
+                              {"tovrin.up.status", "up"},
+                              {"tovrin.up.active-connection-name", "wan"},
+                              {"tovrin.up.failover-timestamp", "1795000000"},
+                              {"tovrin.gone.connection-names", "wan"},
+                              {"tovrin.wan.status", "down"}})
+        storectl(s, {"set", key, value});
+    const std::string table =
+        "NAME  STATE             ACTIVE  FAILED OVER\n"
+        "a.b   waiting to start\n"
+        "up    up                wan     2026-11-18 11:06:40\n"
+        "wan   down\n";
+    EXPECT_EQ(storectl(s, {"status"}), result(0, table));
+    EXPECT_EQ(storectl(s, {"status", "--watch", "--for", "0.1"}), result(0, table));
+    EXPECT_EQ(storectl(s, {"status", "--for", "1"}).first, 2);
+    for (const char *key : {"tovrin.a.b.status", "tovrin.up.status", "tovrin.wan.status"})
+        storectl(s, {"del", key});
     EXPECT_EQ(storectl(s, {"wait", "a", "x", "50"}).first, 1);
     EXPECT_EQ(storectl(s, {"watch", "tovrin.*", "--for", "0.1"}), result(0, ""));
     EXPECT_EQ(storectl(s, {"bogus"}).first, 2);

@@ -3,6 +3,7 @@
 //   storectl [--socket PATH] set KEY VALUE | get KEY | del KEY | dump
 //                          | wait KEY VALUE [TIMEOUT_MS]
 //                          | watch PATTERN [--for SECONDS] | cmd TEXT
+//                          | status [--watch] [--for SECONDS]
 //
 // Exit status: 0 done, 1 store unreachable or gone (or get found nothing, or
 // wait timed out), 2 usage error.
@@ -10,6 +11,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -18,6 +20,9 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <functional>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -48,6 +53,7 @@ int usage() {
                  "       storectl [--socket PATH] wait KEY VALUE [TIMEOUT_MS]\n"
                  "       storectl [--socket PATH] watch PATTERN [--for SECONDS]\n"
                  "       storectl [--socket PATH] cmd TEXT\n"
+                 "       storectl [--socket PATH] status [--watch] [--for SECONDS]\n"
                  "PATH defaults to %s.\n",
                  stord_default_socket);
     return exit_usage;
@@ -102,26 +108,32 @@ stord_fd signal_fd_open() {
     return fd;
 }
 
-// Prints "KEY VALUE" for every set of a key matching pattern until SIGINT or
-// SIGTERM, or until duration (when given) has passed. Throws when the store
-// goes away.
-int ctl_watch(const std::string &socket_path, const std::string &pattern,
-              std::optional<std::chrono::milliseconds> duration) {
+using key_values = std::vector<std::pair<std::string, std::string>>;
+
+// Asks for sets of keys matching pattern, calls on_start once the store has
+// the request, then hands each batch of sets that arrive together to
+// on_batch, until SIGINT or SIGTERM, or until duration (when given) has
+// passed. Throws when the store goes away.
+int watch_loop(stord_client &client, const std::string &pattern,
+               std::optional<std::chrono::milliseconds> duration,
+               const std::function<void()> &on_start,
+               const std::function<void(const key_values &)> &on_batch) {
     // Blocked before the request goes out, so a signal sent once the store
     // has the watch can no longer kill us with a status other than 0.
     stord_fd signals = signal_fd_open();
     std::optional<clock_type::time_point> deadline;
     if (duration)
         deadline = clock_type::now() + *duration;
-    stord_client client(socket_path, "storectl");
     client.watch_pattern(pattern);
+    on_start();
     for (;;) {
         // Whole frames may already sit in the client's buffer, where poll
         // cannot see them.
-        while (auto n = client.next_notification(0ms)) {
-            print_line(n->first + " " + n->second);
-            std::fflush(stdout);
-        }
+        key_values batch;
+        while (auto n = client.next_notification(0ms))
+            batch.push_back(std::move(*n));
+        if (!batch.empty())
+            on_batch(batch);
         int wait_ms = -1;
         if (deadline) {
             auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - clock_type::now());
@@ -138,6 +150,157 @@ int ctl_watch(const std::string &socket_path, const std::string &pattern,
     }
 }
 
+// Prints "KEY VALUE" for every set of a key matching pattern.
+int ctl_watch(const std::string &socket_path, const std::string &pattern,
+              std::optional<std::chrono::milliseconds> duration) {
+    stord_client client(socket_path, "storectl");
+    return watch_loop(
+        client, pattern, duration, [] {},
+        [](const key_values &batch) {
+            for (const auto &[key, value] : batch)
+                print_line(key + " " + value);
+            std::fflush(stdout);
+        });
+}
+
+// One conn as the connection manager publishes it.
+struct conn_status {
+    std::string name;
+    std::string state;
+    std::string active;       // groups: the active member
+    std::string failed_over;  // groups: the last failover, local time
+};
+
+// "YYYY-MM-DD HH:MM:SS" in local time for a count of seconds since the
+// epoch; the text itself when it is not one.
+std::string local_time(const std::string &seconds) {
+    auto value = parse_number<long long>(seconds);
+    if (!value)
+        return seconds;
+    time_t t = static_cast<time_t>(*value);
+    tm local;
+    char text[32];
+    if (localtime_r(&t, &local) == nullptr || strftime(text, sizeof text, "%F %T", &local) == 0)
+        return seconds;
+    return text;
+}
+
+// Every conn with a status key, by name. Group keys outlive a removed group;
+// without its status key it is not shown.
+std::vector<conn_status> status_read(stord_client &client) {
+    const std::string prefix = "tovrin.", suffix = ".status";
+    std::map<std::string, std::string> keys = client.dump();
+    std::vector<conn_status> conns;
+    for (const auto &[key, value] : keys) {
+        if (key.size() <= prefix.size() + suffix.size() || key.compare(0, prefix.size(), prefix) ||
+            key.compare(key.size() - suffix.size(), suffix.size(), suffix))
+            continue;
+        conn_status c;
+        c.name = key.substr(prefix.size(), key.size() - prefix.size() - suffix.size());
+        c.state = value;
+        auto group_key = [&](const char *what) {
+            auto it = keys.find(prefix + c.name + what);
+            return it != keys.end() ? it->second : std::string();
+        };
+        c.active = group_key(".active-connection-name");
+        std::string when = group_key(".failover-timestamp");
+        if (!when.empty())
+            c.failed_over = local_time(when);
+        conns.push_back(std::move(c));
+    }
+    return conns;
+}
+
+// The colour a state is shown in on a terminal.
+const char *state_colour(const std::string &state) {
+    if (state == "up")
+        return "\033[32m";
+    if (state == "down")
+        return "\033[2m";
+    if (state == "stopping" || state == "waiting to stop" || state == "stopping up commands" ||
+        state == "stopping members")
+        return "\033[31m";
+    return "\033[33m";
+}
+
+void status_print(const std::vector<conn_status> &conns, bool colour) {
+    std::size_t name_width = 4, state_width = 5, active_width = 6;
+    for (const conn_status &c : conns) {
+        name_width = std::max(name_width, c.name.size());
+        state_width = std::max(state_width, c.state.size());
+        active_width = std::max(active_width, c.active.size());
+    }
+    std::printf("%-*s  %-*s  %-*s  %s\n", static_cast<int>(name_width), "NAME",
+                static_cast<int>(state_width), "STATE", static_cast<int>(active_width), "ACTIVE",
+                "FAILED OVER");
+    for (const conn_status &c : conns) {
+        std::string line = c.name + std::string(name_width - c.name.size() + 2, ' ');
+        std::string state = c.state + std::string(state_width - c.state.size(), ' ');
+        line += colour ? state_colour(c.state) + state + "\033[0m" : state;
+        if (!c.active.empty() || !c.failed_over.empty())
+            line += "  " + c.active + std::string(active_width - c.active.size() + 2, ' ') +
+                    c.failed_over;
+        while (!line.empty() && line.back() == ' ')
+            line.pop_back();
+        print_line(line);
+    }
+    std::fflush(stdout);
+}
+
+// Shows every conn's state; with watch, again each time keys change (a
+// terminal is redrawn in place, anything else gets one table after another,
+// a blank line between).
+int ctl_status(const std::string &socket_path, bool watch,
+               std::optional<std::chrono::milliseconds> duration) {
+    bool terminal = isatty(STDOUT_FILENO) != 0;
+    stord_client client(socket_path, "storectl");
+    auto draw = [&] {
+        std::vector<conn_status> conns = status_read(client);
+        if (watch && terminal)
+            std::fputs("\033[H\033[2J", stdout);
+        status_print(conns, terminal);
+    };
+    if (!watch) {
+        draw();
+        return 0;
+    }
+    // The watch goes in before the first reading, so no change falls
+    // between; a reading answers after every set the store has taken.
+    return watch_loop(client, "tovrin.*", duration, draw, [&](const key_values &) {
+        if (!terminal)
+            print_line("");
+        draw();
+    });
+}
+
+// Takes "--for SECONDS" at args[*i] into duration; false on a usage error.
+bool for_option(const std::vector<std::string> &args, std::size_t *i,
+                std::optional<std::chrono::milliseconds> *duration) {
+    if (*duration || *i + 1 >= args.size())
+        return false;
+    auto seconds = parse_number<double>(args[++*i]);
+    if (!seconds || !std::isfinite(*seconds) || *seconds < 0 || *seconds > max_watch_seconds)
+        return false;
+    *duration =
+        std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(*seconds));
+    return true;
+}
+
+// Parses status's options and runs it.
+int ctl_status_args(const std::string &socket_path, const std::vector<std::string> &args) {
+    bool watch = false;
+    std::optional<std::chrono::milliseconds> duration;
+    for (std::size_t i = 1; i < args.size(); i++) {
+        if (args[i] == "--watch" && !watch)
+            watch = true;
+        else if (args[i] != "--for" || !for_option(args, &i, &duration))
+            return usage();
+    }
+    if (duration && !watch)
+        return usage();
+    return ctl_status(socket_path, watch, duration);
+}
+
 // Parses watch's arguments (the pattern and --for SECONDS, in either order)
 // and runs it.
 int ctl_watch_args(const std::string &socket_path, const std::vector<std::string> &args) {
@@ -145,14 +308,8 @@ int ctl_watch_args(const std::string &socket_path, const std::vector<std::string
     std::optional<std::chrono::milliseconds> duration;
     for (std::size_t i = 1; i < args.size(); i++) {
         if (args[i] == "--for") {
-            if (duration || i + 1 >= args.size())
+            if (!for_option(args, &i, &duration))
                 return usage();
-            auto seconds = parse_number<double>(args[++i]);
-            if (!seconds || !std::isfinite(*seconds) || *seconds < 0 ||
-                *seconds > max_watch_seconds)
-                return usage();
-            duration = std::chrono::ceil<std::chrono::milliseconds>(
-                std::chrono::duration<double>(*seconds));
         } else if (!pattern) {
             pattern = args[i];
         } else {
@@ -209,6 +366,8 @@ int ctl_run(const std::string &socket_path, const std::vector<std::string> &args
     }
     if (command == "watch")
         return ctl_watch_args(socket_path, args);
+    if (command == "status")
+        return ctl_status_args(socket_path, args);
     return usage();
 }
 
