@@ -4,9 +4,18 @@
 # coming up in dependency order (live status lines from storectl watch), a
 # failing test restarting its conn, an operator restart, the uplinks failing
 # over and forward again, a reload that restarts only the edited conn, the
-# state dump and the graph, and a clean stop of everything the daemon started.
+# state dump and the graph, every conn as storectl status shows it, and a
+# clean stop of everything the daemon started.
+#
+#   scripts/example.sh [--keep]    (--keep leaves the private root for reading)
 set -euo pipefail
 cd "$(dirname "$0")/.."
+keep=no
+case "${1:-}" in
+    --keep) keep=yes ;;
+    "") ;;
+    *) echo "usage: scripts/example.sh [--keep]" >&2; exit 2 ;;
+esac
 scripts/setup.sh build
 
 repo=$(pwd)
@@ -19,7 +28,16 @@ cleanup() {
         [ -n "$pid" ] && kill "$pid" 2>/dev/null || true
     done
     wait 2>/dev/null || true
-    rm -rf "$root"
+    if [ "$keep" = yes ]; then
+        echo
+        echo "== kept $root"
+        echo "    log:        $root/var/log/tovrin.log"
+        echo "    state dump: $root/tmp/tovrin.conf"
+        echo "    graph:      $root/tmp/tovrin.dot, rendered as $root/tmp/tovrin.svg"
+        echo "    store:      $root/stord.journal"
+    else
+        rm -rf "$root"
+    fi
 }
 trap cleanup EXIT
 
@@ -52,6 +70,9 @@ mark() { wc -l < "$root/stord.journal"; }
 step() { sleep 0.2; echo; echo "== $*"; }
 
 echo "== root: $root"
+echo "== tovrin-check finds nothing to say about the configuration"
+"$repo/build/tools/tovrin-check" "$root/etc/config/tovrin.conf"
+echo "    exit status 0"
 "$stord" --socket "$socket" --journal "$root/stord.journal" > "$root/stord.out" 2>&1 &
 store_pid=$!
 for _ in $(seq 100); do [ -S "$socket" ] && break; sleep 0.05; done
@@ -112,6 +133,9 @@ done
 sed -n '/^orderedgroup uplinks/,/^$/p' "$root/tmp/tovrin.conf" | sed 's/^/    /'
 dot -Tsvg "$root/tmp/tovrin.dot" -o "$root/tmp/tovrin.svg"
 echo "    graph: $(grep -c -- '->' "$root/tmp/tovrin.dot") edges, rendered to $(wc -c < "$root/tmp/tovrin.svg") bytes of SVG"
+
+step "what an operator sees: storectl status"
+ctl status | sed 's/^/    /'
 
 step "stopping everything: keepalive off, then the uplinks (children go first)"
 ctl cmd tovrin,cli,stop_keepalive

@@ -7,7 +7,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(g++ cmake pkg-config libevent-dev liblog4c-dev libgtest-dev graphviz ${SETUP_EXTRA_PACKAGES:-})
+packages=(g++ cmake pkg-config libevent-dev liblog4c-dev libgtest-dev graphviz mandoc ${SETUP_EXTRA_PACKAGES:-})
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# Installs a build under /usr into a scratch DESTDIR and checks the tree an
+# operator gets: every file in its place and nothing else, programs that run
+# from there, and units that name them and that systemd accepts.
+#
+#   install_test.sh BUILD_DIR
+set -euo pipefail
+build=$1
+dest=$(mktemp -d)
+trap 'rm -rf "$dest"' EXIT
+DESTDIR="$dest" cmake --install "$build" --prefix /usr > /dev/null
+
+expected="usr/bin/storectl
+usr/bin/tovrin-sandbox
+usr/lib/systemd/system/stord.service
+usr/lib/systemd/system/tovrin.service
+usr/sbin/stord
+usr/sbin/tovrin
+usr/sbin/tovrin-check
+usr/share/doc/tovrin/examples/bin/link
+usr/share/doc/tovrin/examples/tovrin.conf
+usr/share/man/man1/storectl.1
+usr/share/man/man5/tovrin.conf.5
+usr/share/man/man8/stord.8
+usr/share/man/man8/tovrin-check.8
+usr/share/man/man8/tovrin.8"
+actual=$(cd "$dest" && find . -type f | sed 's|^\./||' | LC_ALL=C sort)
+if [ "$actual" != "$expected" ]; then
+    echo "installed tree differs (- expected, + installed):"
+    diff <(echo "$expected") <(echo "$actual") || true
+    exit 1
+fi
+for program in usr/bin/storectl usr/bin/tovrin-sandbox usr/sbin/stord usr/sbin/tovrin \
+    usr/sbin/tovrin-check usr/share/doc/tovrin/examples/bin/link; do
+    [ -x "$dest/$program" ] || { echo "not executable: $program"; exit 1; }
+done
+
+units="$dest/usr/lib/systemd/system"
+grep -qx "ExecStart=/usr/sbin/tovrin" "$units/tovrin.service"
+grep -qx "ExecStart=/usr/sbin/stord" "$units/stord.service"
+grep -qx "Requires=stord.service" "$units/tovrin.service"
+
+# The installed checker runs from the tree and finds the shipped example clean.
+"$dest/usr/sbin/tovrin-check" "$dest/usr/share/doc/tovrin/examples/tovrin.conf"
+
+# systemd's own check, where systemd is there. It looks for the programs and
+# pages on this machine, so it gets a second install whose prefix is real;
+# it only warns about unknown keys, so any word from it fails.
+if command -v systemd-analyze > /dev/null; then
+    cmake --install "$build" --prefix "$dest/real/usr" > /dev/null
+    real="$dest/real/usr/lib/systemd/system"
+    said=$(MANPATH="$dest/real/usr/share/man" systemd-analyze verify \
+        "$real/stord.service" "$real/tovrin.service" 2>&1) || true
+    if [ -n "$said" ]; then
+        echo "$said"
+        exit 1
+    fi
+fi
+echo "install tree and units are as expected"
