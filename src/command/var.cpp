@@ -35,7 +35,7 @@ void conn_insert_var(tovrin_conn *conn, tovrin_var_list &node) {
     if (conn_debug(conn))
         tovrin_log(TOVRIN_LOG_INFO, "Inserting var %s in index %d", name.c_str(), index);
     tovrin_var_list &list = conn->vars[static_cast<size_t>(index)];
-    list.splice(list.begin(), node);
+    list.splice_after(list.before_begin(), node);
 }
 
 }  // namespace
@@ -56,7 +56,7 @@ int tovrin_conn_add_var(tovrin_conn *conn, const std::string &name, const std::s
         var->type = TOVRIN_VAR_PLAIN;
         var->name = name;
         var->value = value;
-        node.push_back(std::move(var));
+        node.push_front(std::move(var));
     } catch (const std::bad_alloc &) {
         tovrin_log(TOVRIN_LOG_FATAL, "Could not allocate variable");
         return -1;
@@ -77,7 +77,7 @@ int tovrin_conn_add_stord_var(tovrin_conn *conn, const std::string &name, const 
         sub_node.push_back(tovrin_var_sub{key, std::nullopt});
         // Stays valid when the node is spliced into store_vars.
         var->sub = sub_node.begin();
-        node.push_back(std::move(var));
+        node.push_front(std::move(var));
     } catch (const std::bad_alloc &) {
         tovrin_log(TOVRIN_LOG_FATAL, "Could not allocate variable");
         return -1;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <forward_list>
 #include <list>
 #include <memory>
 #include <optional>
@@ -29,7 +30,8 @@ struct tovrin_var {
     tovrin_var_sub_list::iterator sub;  // store variables: its subscription
 };
 
-using tovrin_var_list = std::list<std::unique_ptr<tovrin_var>>;
+// Newest first; a conn has five of them, most of them empty.
+using tovrin_var_list = std::forward_list<std::unique_ptr<tovrin_var>>;
 
 struct tovrin_conn;
 

@@ -1,10 +1,6 @@
 #pragma once
 
 #include <event2/event.h>
-#include <event2/event_compat.h>
-#include <event2/event_struct.h>
-
-#include <cstring>
 #include <new>
 
 // Logs that an event handler ran out of memory and was cut short.
@@ -22,51 +18,86 @@ void event_slot_guard(evutil_socket_t fd, short events, void *arg) noexcept {
     }
 }
 
-// A libevent event embedded in a record. It remembers whether it was ever
-// set, and takes itself out of the loop when its record goes, so a freed
-// record can never be reached by a late callback. Records holding one never
-// move.
+// A libevent event owned by a record. set() only records what the event is
+// for; the event itself is allocated the first time it is added or
+// activated, so the many timers that a conn never arms cost a few words,
+// not a whole event each. It remembers whether it was ever set, and takes
+// itself out of the loop when its record goes, so a freed record can never
+// be reached by a late callback.
 class event_slot {
   public:
-    event_slot() { std::memset(&ev_, 0, sizeof ev_); }
-    ~event_slot() { del(); }
+    event_slot() = default;
+    ~event_slot() {
+        if (ev_ != nullptr)
+            event_free(ev_);
+    }
     event_slot(const event_slot &) = delete;
     event_slot &operator=(const event_slot &) = delete;
 
     // True once set() has been called; "never set" is something callers
     // report in their diagnostics.
-    bool initialized() const { return event_initialized(&ev_) != 0; }
+    bool initialized() const { return callback_ != nullptr; }
 
     bool pending() const {
-        return initialized() &&
-               event_pending(&ev_, EV_TIMEOUT | EV_READ | EV_WRITE | EV_SIGNAL, nullptr) != 0;
+        return ev_ != nullptr &&
+               event_pending(ev_, EV_TIMEOUT | EV_READ | EV_WRITE | EV_SIGNAL, nullptr) != 0;
     }
 
     // (Re)binds the event to callback F, guarded; a pending event is removed
-    // first, because re-setting an added event corrupts the loop's lists.
+    // first, because re-binding an added event corrupts the loop's lists.
     template <event_callback_fn F>
     void set(event_base *base, evutil_socket_t fd, short events, void *arg) {
         del();
-        event_set(&ev_, fd, events, event_slot_guard<F>, arg);
-        event_base_set(base, &ev_);
+        base_ = base;
+        fd_ = fd;
+        events_ = events;
+        callback_ = event_slot_guard<F>;
+        arg_ = arg;
+        if (ev_ != nullptr)
+            event_assign(ev_, base_, fd_, events_, callback_, arg_);
     }
 
-    int add() { return event_add(&ev_, nullptr); }
+    // -1, as event_add, when the event is not set or cannot be allocated.
+    int add() { return add_timeout(nullptr); }
     int add_seconds(long seconds) {
         timeval tv{seconds, 0};
-        return event_add(&ev_, &tv);
+        return add_timeout(&tv);
     }
-    int add_timeval(const timeval &tv) { return event_add(&ev_, &tv); }
+    int add_timeval(const timeval &tv) { return add_timeout(&tv); }
 
     void del() {
-        if (initialized())
-            event_del(&ev_);
+        if (ev_ != nullptr)
+            event_del(ev_);
     }
 
-    void activate(int result = 0) { event_active(&ev_, result, 0); }
+    void activate(int result = 0) {
+        if (event *ev = get())
+            event_active(ev, result, 0);
+    }
 
-    event *raw() { return &ev_; }
+    // The event, or null while it has never been added or activated.
+    event *raw() { return ev_; }
 
   private:
-    event ev_;
+    int add_timeout(const timeval *tv) {
+        event *ev = get();
+        return ev != nullptr ? event_add(ev, tv) : -1;
+    }
+
+    // The event, allocated on first use; null when not set or out of memory.
+    event *get() {
+        if (ev_ == nullptr && callback_ != nullptr) {
+            ev_ = event_new(base_, fd_, events_, callback_, arg_);
+            if (ev_ == nullptr)
+                event_slot_out_of_memory();
+        }
+        return ev_;
+    }
+
+    event *ev_ = nullptr;
+    event_base *base_ = nullptr;
+    event_callback_fn callback_ = nullptr;
+    void *arg_ = nullptr;
+    evutil_socket_t fd_ = -1;
+    short events_ = 0;
 };

@@ -101,7 +101,7 @@ int tovrin_store_send(tovrin_inst *inst, int type, const char *key, int flag, co
         }
         uint32_t length = htonl(static_cast<uint32_t>(frame.size() - TOVRIN_FRAME_HEADER));
         memcpy(frame.data(), &length, TOVRIN_FRAME_HEADER);
-        inst->store_out_queue.push_back(tovrin_store_msg{std::move(frame)});
+        inst->store_out_queue.push_back(frame);
     } catch (const std::bad_alloc &) {
         tovrin_log(TOVRIN_LOG_FATAL, "could not allocate message");
         return -1;
@@ -125,12 +125,13 @@ void tovrin_store_write(evutil_socket_t fd, short, void *arg) {
         return;
     }
 
-    const std::string &frame = inst->store_out_queue.front().frame;
+    std::string_view frame = inst->store_out_queue.front();
     int total = static_cast<int>(frame.size());
     if (inst->globals != nullptr &&
         (inst->globals->instance_log_mask & TOVRIN_INST_LOG_DEBUGSTORD) != 0) {
-        tovrin_log(TOVRIN_LOG_INFO, "Writing to stord with msg len of %d, tx_len of %d msg of %s",
-                   total, inst->store_tx_state, frame.c_str() + TOVRIN_FRAME_HEADER);
+        int body = total - static_cast<int>(TOVRIN_FRAME_HEADER);
+        tovrin_log(TOVRIN_LOG_INFO, "Writing to stord with msg len of %d, tx_len of %d msg of %.*s",
+                   total, inst->store_tx_state, body, frame.data() + TOVRIN_FRAME_HEADER);
     }
 
     // One write per readiness report; a partial write resumes at the next.

@@ -17,6 +17,7 @@
 #include "daemon/event_slot.h"
 #include "daemon/paths.h"
 #include "platform/spawn.h"
+#include "store/out_queue.h"
 #include "supervise/conn.h"
 #include "supervise/conn_list.h"
 #include "supervise/globals.h"
@@ -31,11 +32,6 @@ using event_base_ptr = std::unique_ptr<event_base, event_base_deleter>;
 // Frees memory that came from malloc or calloc.
 struct free_deleter {
     void operator()(void *p) const { free(p); }
-};
-
-// One outgoing store request: the whole frame, length bytes included.
-struct tovrin_store_msg {
-    std::string frame;
 };
 
 // The one instance of the daemon, owned by main for the life of the process.
@@ -71,7 +67,7 @@ struct tovrin_inst {
     std::unique_ptr<tovrin_globals> globals;
     std::unique_ptr<tovrin_globals> new_globals;
     tovrin_var_sub_list store_vars;
-    std::deque<tovrin_store_msg> store_out_queue;
+    tovrin_store_queue store_out_queue;
     // Queued actions whose child is running or terminating, by pid. Declared
     // before the conns so that it outlives every entry that unregisters
     // itself on the way out.

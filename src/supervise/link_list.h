@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -32,5 +33,6 @@ class tovrin_link_list {
     static constexpr size_t index_threshold = 16;
 
     std::vector<tovrin_link> links_;
-    std::unordered_set<std::string> index_;  // filled once links_ outgrows the threshold
+    // Made once links_ outgrows the threshold; most lists never need one.
+    std::unique_ptr<std::unordered_set<std::string>> index_;
 };
