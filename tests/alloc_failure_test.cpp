@@ -5,29 +5,16 @@
 // failure must produce, so a failure path that is never taken shows.
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <functional>
-#include <new>
 #include <set>
-#include <string>
-#include <vector>
 
-#include "config/fixup.h"
-#include "config/load.h"
 #include "store/status.h"
-#include "supervise/conn.h"
-#include "supervise/message_queue.h"
-#include "supervise/state.h"
-#include "support/alloc_failure.h"
-#include "support/log_capture.h"
 #include "support/test_inst.h"
 
 namespace {
 
-using outcome = std::vector<std::string>;
+using outcome = strings;
 
 struct sweep_case {
     const char *title;
@@ -82,12 +69,14 @@ const sweep_case cases[] = {
     {"a store value reaching two variables",
      "conn a\n\tstord_var v some.store.key\nconn b\n\tstord_var w some.store.key\n",
      [](test_inst &t) {
-         std::string body = std::string("8\x1esome.store.key\x1e") + "0\x1e" + "0\x1e" + long_value;
+         std::string body = std::string(
+                                "8\x1esome.store.key\x1e"
+                                "0\x1e"
+                                "0\x1e") +
+                            long_value;
          uint32_t n = htonl(static_cast<uint32_t>(body.size()));
-         std::string frame(reinterpret_cast<const char *>(&n), 4);
-         frame += body;
-         ASSERT_EQ(write(t.store_end.get(), frame.data(), frame.size()),
-                   static_cast<ssize_t>(frame.size()));
+         body.insert(0, reinterpret_cast<const char *>(&n), 4);
+         ASSERT_EQ(write(t.store_end.get(), body.data(), body.size()), ssize_t(body.size()));
      },
      [](test_inst &t) {
          for (int turn = 0; turn < 4; turn++)

@@ -1,18 +1,11 @@
 #include "command/tokenizer.h"
 
-#include <gtest/gtest.h>
+#include <iterator>
+#include <sstream>
 
-#include <string>
-#include <vector>
-
-#include "command/var.h"
-#include "supervise/conn.h"
-#include "support/log_capture.h"
 #include "support/test_inst.h"
 
 namespace {
-
-using strings = std::vector<std::string>;
 
 const char in_container[] = "str2argv - parse error, still in container";
 const char in_var[] = "str2argv - parse error, still in var";
@@ -28,18 +21,17 @@ struct split_case {
     strings messages;  // all at priority 0, in order
 };
 
-std::string words(int from, int to) {
+// Words w0 to w<n - 1>, as a command and as tokens.
+std::string words(int n) {
     std::string out;
-    for (int i = from; i < to; i++)
+    for (int i = 0; i < n; i++)
         out += "w" + std::to_string(i) + " ";
     return out;
 }
 
 strings word_list(int n) {
-    strings out;
-    for (int i = 0; i < n; i++)
-        out.push_back("w" + std::to_string(i));
-    return out;
+    std::istringstream in(words(n));
+    return strings(std::istream_iterator<std::string>(in), {});
 }
 
 TEST(Tokenizer, SplitsQuotesEscapesReferencesWithinTheLimits) {
@@ -87,8 +79,8 @@ TEST(Tokenizer, SplitsQuotesEscapesReferencesWithinTheLimits) {
         {"%" + name99 + "%", {"found"}, {}},
         {"a%" + name99 + "xy%b", {"afoundb"}, {max_name, max_name}},
         // 254 tokens at most: every later attempt to store one says so.
-        {words(0, 254), word_list(254), {}},
-        {words(0, 256) + "x", word_list(254), {max_argv, max_argv, max_argv}},
+        {words(254), word_list(254), {}},
+        {words(256) + "x", word_list(254), {max_argv, max_argv, max_argv}},
     };
     for (const split_case &c : cases) {
         SCOPED_TRACE(c.command.substr(0, 60));
@@ -97,12 +89,9 @@ TEST(Tokenizer, SplitsQuotesEscapesReferencesWithinTheLimits) {
         ASSERT_NE(args, nullptr);
         EXPECT_EQ(args->argv, c.tokens);
         EXPECT_EQ(args->argc, static_cast<int>(c.tokens.size()));
-        strings messages;
-        for (const log_record &r : log.records()) {
+        for (const log_record &r : log.records())
             EXPECT_EQ(r.priority, TOVRIN_LOG_FATAL);
-            messages.push_back(r.message);
-        }
-        EXPECT_EQ(messages, c.messages);
+        EXPECT_EQ(log.messages(), c.messages);
     }
 }
 

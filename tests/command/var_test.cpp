@@ -1,29 +1,15 @@
 #include "command/var.h"
 
-#include <gtest/gtest.h>
-
-#include <optional>
-#include <string>
-#include <vector>
-
-#include "daemon/log_mask.h"
-#include "supervise/conn.h"
-#include "supervise/message.h"
-#include "supervise/state.h"
-#include "support/log_capture.h"
 #include "support/test_inst.h"
 
 namespace {
 
 using maybe = std::optional<std::string>;
-using strings = std::vector<std::string>;
 
 TEST(VarIndex, IsTheUnsignedByteSumModuloFive) {
-    EXPECT_EQ(tovrin_var_index(""), 0);
-    EXPECT_EQ(tovrin_var_index("ab"), 195 % 5);
-    EXPECT_EQ(tovrin_var_index("ba"), 195 % 5);
-    EXPECT_EQ(tovrin_var_index("\x80"), 128 % 5);
-    EXPECT_EQ(tovrin_var_index("\xff\x01"), 256 % 5);
+    for (auto [name, sum] :
+         {std::pair{"", 0}, {"ab", 195}, {"ba", 195}, {"\x80", 128}, {"\xff\x01", 256}})
+        EXPECT_EQ(tovrin_var_index(name), sum % 5) << name;
     EXPECT_EQ(tovrin_var_index(std::string(1000, '\xff')), (1000 * 255) % 5);
 }
 
@@ -50,10 +36,8 @@ struct strategy_case {
     strings messages;  // all at priority 0
 };
 
-const char *cycle(const char *through) {
-    static std::string text;
-    text = std::string("variable search for x found a cycle through conn ") + through;
-    return text.c_str();
+std::string cycle(const char *through) {
+    return std::string("variable search for x found a cycle through conn ") + through;
 }
 
 TEST(VarSearch, EachStrategyVisitsItsHolders) {
@@ -123,12 +107,9 @@ TEST(VarSearch, EachStrategyVisitsItsHolders) {
         SCOPED_TRACE(std::string(c.conn) + " " + c.reference);
         log_capture log;
         EXPECT_EQ(tovrin_var_expand(t.conn(c.conn), c.reference), c.expected);
-        strings messages;
-        for (const log_record &r : log.records()) {
+        for (const log_record &r : log.records())
             EXPECT_EQ(r.priority, TOVRIN_LOG_FATAL);
-            messages.push_back(r.message);
-        }
-        EXPECT_EQ(messages, c.messages);
+        EXPECT_EQ(log.messages(), c.messages);
     }
 }
 

@@ -1,13 +1,5 @@
 #include "config/compare.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "config/load.h"
-#include "supervise/conn.h"
-#include "support/log_capture.h"
 #include "support/test_inst.h"
 
 namespace {
@@ -87,10 +79,9 @@ TEST(Compare, EachEditIsFoundWithItsOwnMessage) {
         EXPECT_EQ(tovrin_conn_compare(t.conn(c.conn), t.inst.new_conns.find(c.conn)),
                   c.said == nullptr ? 1 : 0);
         std::vector<log_record> said;
-        if (c.said != nullptr && *c.said != '\0') {
-            bool info = std::string(c.said).ends_with("children changed (added)");
+        bool info = std::string(c.said ? c.said : "").ends_with("children changed (added)");
+        if (c.said != nullptr && *c.said != '\0')
             said.push_back({info ? TOVRIN_LOG_INFO : TOVRIN_LOG_DEBUG, c.said});
-        }
         EXPECT_EQ(log.records(), said);
     }
 }
@@ -125,8 +116,7 @@ TEST(Compare, FileDependenciesAndRunTimeState) {
         for (int call = 0; call < 2; call++) {
             log_capture log(TOVRIN_LOG_DEBUG);
             EXPECT_EQ(tovrin_conn_compare(a, t.inst.new_conns.find("A")), e.said.empty() ? 1 : 0);
-            EXPECT_EQ(log.messages(), e.said.empty() ? std::vector<std::string>{}
-                                                     : std::vector<std::string>{e.said});
+            EXPECT_EQ(log.messages(), e.said.empty() ? strings{} : strings{e.said});
         }
     }
     t.write_config("conn B\nconn C\n\tfile-dependency " + dep + "\n");
@@ -134,8 +124,7 @@ TEST(Compare, FileDependenciesAndRunTimeState) {
     log_capture log(TOVRIN_LOG_DEBUG);
     EXPECT_EQ(tovrin_conn_compare(a, t.inst.new_conns.find("B")), 0);
     EXPECT_EQ(tovrin_conn_compare(t.conn("C"), t.inst.new_conns.find("C")), 0);
-    EXPECT_EQ(log.messages(),
-              (std::vector<std::string>{"conn name changed: A != B", "File deps added"}));
+    EXPECT_EQ(log.messages(), (strings{"conn name changed: A != B", "File deps added"}));
 }
 
 }  // namespace

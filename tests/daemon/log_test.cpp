@@ -1,17 +1,8 @@
-#include "daemon/log.h"
+#include "support/test_inst.h"
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <string>
-
-#include "support/log_capture.h"
-#include "support/temp_dir.h"
-
-namespace {
-
-// Up to info is written, debug never at the daemon's threshold; errno is
-// the same afterwards whether a message went out or not.
+// Up to info is written, debug never at the daemon's threshold; errno is the
+// same afterwards whether a message went out or not. The sandbox's file has
+// one line per message, with its priority.
 TEST(Log, WritesUpToInfoAndKeepsErrno) {
     {
         log_capture log;
@@ -30,9 +21,6 @@ TEST(Log, WritesUpToInfoAndKeepsErrno) {
     errno = EINTR;
     tovrin_log(TOVRIN_LOG_FATAL, "nowhere to go");
     EXPECT_EQ(errno, EINTR);
-}
-
-TEST(Log, TheSandboxFileHasOneLinePerMessageWithItsPriority) {
     temp_dir dir;
     {
         tovrin_log_setup setup = tovrin_log_setup::open_file(dir.file("tovrin.log").c_str());
@@ -44,5 +32,3 @@ TEST(Log, TheSandboxFileHasOneLinePerMessageWithItsPriority) {
               "[tovrin] FATAL    tovrin - could not open stord socket\n"
               "[tovrin] INFO     tovrin - initialising\n");
 }
-
-}  // namespace

@@ -1,29 +1,8 @@
 #include "groups/check.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-
-#include "supervise/conn.h"
-#include "supervise/state.h"
-#include "support/log_capture.h"
 #include "support/test_inst.h"
 
 namespace {
-
-class GroupCheck : public ::testing::Test {
-  protected:
-    void load(const std::string &text) {
-        t.write_config(text);
-        ASSERT_EQ(t.load(), 0);
-    }
-
-    int check(const std::string &member, int request) {
-        return tovrin_conn_check_group(t.conn(member), request);
-    }
-
-    test_inst t;
-};
 
 // One row per group state: what the ordered group answers its active member
 // and another member, for the requests start / enter up / stop up commands,
@@ -53,8 +32,14 @@ const decision_row decisions[] = {
 
 const int requests[] = {TOVRIN_GROUP_START, TOVRIN_GROUP_ENTER_UP, TOVRIN_GROUP_STOP_UP_COMMANDS};
 
-TEST_F(GroupCheck, OrderedGroupFollowsTheDecisionTableInEveryState) {
-    load("orderedgroup g\n\tmember a\n\tmember b\nconn a\nconn b\n");
+int check(test_inst &t, const std::string &member, int request) {
+    return tovrin_conn_check_group(t.conn(member), request);
+}
+
+TEST(GroupCheck, OrderedGroupFollowsTheDecisionTableInEveryState) {
+    test_inst t;
+    t.write_config("orderedgroup g\n\tmember a\n\tmember b\nconn a\nconn b\n");
+    ASSERT_EQ(t.load(), 0);
     tovrin_conn *group = t.conn("g");
     for (int mutex = 0; mutex <= 1; mutex++) {
         group->mutex = mutex;
@@ -66,8 +51,8 @@ TEST_F(GroupCheck, OrderedGroupFollowsTheDecisionTableInEveryState) {
                 SCOPED_TRACE("mutex " + std::to_string(mutex) + ", group " +
                              tovrin_state_name(row.group_state) + ", request " +
                              std::to_string(requests[i]));
-                EXPECT_EQ(check("a", requests[i]), active[i] == 'y' ? 1 : 0);
-                EXPECT_EQ(check("b", requests[i]), other[i] == 'y' ? 1 : 0);
+                EXPECT_EQ(check(t, "a", requests[i]), active[i] == 'y' ? 1 : 0);
+                EXPECT_EQ(check(t, "b", requests[i]), other[i] == 'y' ? 1 : 0);
             }
         }
         // The first member became active at the first check and stayed so.
@@ -78,11 +63,13 @@ TEST_F(GroupCheck, OrderedGroupFollowsTheDecisionTableInEveryState) {
 // The active member is the one named, not the first; an anygroup allows
 // all; a missing or plain group allows, saying so; an unknown kind or state
 // refuses; debuggeneral writes one line per check.
-TEST_F(GroupCheck, EdgesAndTheDebugLine) {
-    load(
+TEST(GroupCheck, EdgesAndTheDebugLine) {
+    test_inst t;
+    t.write_config(
         "global\n\tinstancelog +debuggeneral\norderedgroup g\n\tmember a\n\tmember b\n"
         "\tmutex\nconn a\nconn b\nanygroup any\n\tmember d\nconn d\nconn lone\nconn x\n"
         "conn y\norderedgroup empty\n");
+    ASSERT_EQ(t.load(), 0);
     tovrin_conn *g = t.conn("g");
     g->active_conn_name = "b";
     g->current_state = TOVRIN_STATE_UP;
@@ -90,19 +77,19 @@ TEST_F(GroupCheck, EdgesAndTheDebugLine) {
     t.conn("x")->group_name = "missing";
     t.conn("y")->group_name = "lone";
     log_capture log;
-    EXPECT_EQ(check("a", TOVRIN_GROUP_START), 0);
-    EXPECT_EQ(check("b", TOVRIN_GROUP_STOP_UP_COMMANDS), 0);
-    EXPECT_EQ(check("d", TOVRIN_GROUP_ENTER_UP), 1);
-    EXPECT_EQ(check("lone", TOVRIN_GROUP_START), 1);
-    EXPECT_EQ(check("x", TOVRIN_GROUP_START), 1);
-    EXPECT_EQ(check("y", TOVRIN_GROUP_START), 1);
+    EXPECT_EQ(check(t, "a", TOVRIN_GROUP_START), 0);
+    EXPECT_EQ(check(t, "b", TOVRIN_GROUP_STOP_UP_COMMANDS), 0);
+    EXPECT_EQ(check(t, "d", TOVRIN_GROUP_ENTER_UP), 1);
+    EXPECT_EQ(check(t, "lone", TOVRIN_GROUP_START), 1);
+    EXPECT_EQ(check(t, "x", TOVRIN_GROUP_START), 1);
+    EXPECT_EQ(check(t, "y", TOVRIN_GROUP_START), 1);
     t.conn("x")->group_name = "empty";
-    EXPECT_EQ(check("x", TOVRIN_GROUP_START), 1);
+    EXPECT_EQ(check(t, "x", TOVRIN_GROUP_START), 1);
     EXPECT_TRUE(t.conn("empty")->active_conn_name.empty());
     g->current_state = 12;
-    EXPECT_EQ(check("b", TOVRIN_GROUP_START), 0);
+    EXPECT_EQ(check(t, "b", TOVRIN_GROUP_START), 0);
     t.conn("empty")->type = 3;
-    EXPECT_EQ(check("x", TOVRIN_GROUP_START), 0);
+    EXPECT_EQ(check(t, "x", TOVRIN_GROUP_START), 0);
     EXPECT_EQ(log.records(),
               (std::vector<log_record>{
                   {TOVRIN_LOG_INFO, "tovrin_conn_check_orderedgroup_mutex(g, a, 5) = 0"},

@@ -1,17 +1,8 @@
 #include "groups/failover.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "supervise/conn.h"
-#include "support/log_capture.h"
 #include "support/test_inst.h"
 
 namespace {
-
-using strings = std::vector<std::string>;
 
 // Calls no message or timer of a well-formed configuration makes: groups
 // without members or with a member gone, the wrong kind of conn, timers

@@ -1,15 +1,8 @@
 #include "store/store_link.h"
 
-#include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <unistd.h>
-
-#include <string>
-#include <vector>
 
 #include "store/frame.h"
-#include "supervise/inst.h"
-#include "support/log_capture.h"
 #include "support/test_inst.h"
 
 namespace {
@@ -36,11 +29,6 @@ std::string receive(test_inst &t) {
     for (ssize_t n; (n = read(t.store_end.get(), buf, sizeof buf)) > 0;)
         got.append(buf, static_cast<size_t>(n));
     return got;
-}
-
-void store_send(test_inst &t, const std::string &bytes) {
-    ASSERT_EQ(write(t.store_end.get(), bytes.data(), bytes.size()),
-              static_cast<ssize_t>(bytes.size()));
 }
 
 void read_once(test_inst &t) {
@@ -77,14 +65,13 @@ TEST(StoreLink, WritesEachRequestLiterallyOneAtATime) {
     EXPECT_FALSE(t.inst.store_write_event.pending());
     EXPECT_EQ(
         log.messages(),
-        (std::vector<std::string>{
-            "unknown message type",
-            rs("Writing to stord with msg len of 34, tx_len of 0 msg of "
-               "2|tovrin|config.tovrin.command"),
-            rs("Writing to stord with msg len of 28, tx_len of 0 msg of "
-               "1|tovrin.wan.status|2|up"),
-            rs("Writing to stord with msg len of 14, tx_len of 0 msg of 3|tovrin|k"),
-            rs("Writing to stord with msg len of 21, tx_len of 0 msg of 9|tovrin.x.status")}));
+        (strings{"unknown message type",
+                 rs("Writing to stord with msg len of 34, tx_len of 0 msg of "
+                    "2|tovrin|config.tovrin.command"),
+                 rs("Writing to stord with msg len of 28, tx_len of 0 msg of "
+                    "1|tovrin.wan.status|2|up"),
+                 rs("Writing to stord with msg len of 14, tx_len of 0 msg of 3|tovrin|k"),
+                 rs("Writing to stord with msg len of 21, tx_len of 0 msg of 9|tovrin.x.status")}));
 
     int small = 4096;
     setsockopt(t.daemon_end.get(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
@@ -114,13 +101,14 @@ TEST(StoreLink, ReadsOnePieceAtATime) {
     log_capture log;
     read_once(t);
     for (int i = 0; i < 4; i++) {
-        store_send(t, frame.substr(static_cast<size_t>(i), 1));
+        ASSERT_EQ(write(t.store_end.get(), &frame[static_cast<size_t>(i)], 1), 1);
         read_once(t);
         EXPECT_EQ(t.inst.store_rx_state, i < 3 ? 1 : 2);
     }
     read_once(t);
-    store_send(t, frame.substr(4) + framed(rs("8|k|1|2|first")) + framed("") +
-                      framed(rs("8|k|1|2|second")));
+    std::string rest =
+        frame.substr(4) + framed(rs("8|k|1|2|first")) + framed("") + framed(rs("8|k|1|2|second"));
+    ASSERT_EQ(write(t.store_end.get(), rest.data(), rest.size()), ssize_t(rest.size()));
     read_once(t);
     EXPECT_EQ(value, "hello");
     read_once(t);
@@ -129,7 +117,7 @@ TEST(StoreLink, ReadsOnePieceAtATime) {
     EXPECT_TRUE(log.records().empty());
     // An empty body carries nothing; the next frame is read as usual.
     read_once(t);
-    EXPECT_EQ(log.messages(), std::vector<std::string>{"error handling stord message"});
+    EXPECT_EQ(log.messages(), strings{"error handling stord message"});
     read_once(t);
     read_once(t);
     EXPECT_EQ(value, "second");

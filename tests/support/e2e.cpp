@@ -1,11 +1,9 @@
 #include "support/e2e.h"
 
-#include <gtest/gtest.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <fcntl.h>
 
 #include <filesystem>
 #include <fstream>
@@ -15,11 +13,10 @@
 #include "stord/client.h"
 
 bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
+    for (auto deadline = std::chrono::steady_clock::now() + timeout; !pred();
+         std::this_thread::sleep_for(10ms)) {
         if (std::chrono::steady_clock::now() >= deadline)
             return false;
-        std::this_thread::sleep_for(10ms);
     }
     return true;
 }
@@ -33,19 +30,18 @@ int open_fd_count(pid_t pid) {
 long rss_kib(pid_t pid) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmRSS:", 0) == 0)
+        if (line.starts_with("VmRSS:"))
             return std::stol(line.substr(6));
     }
     return -1;
 }
 
-child_process::child_process(const std::vector<std::string> &argv, const std::string &output) {
-    std::vector<char *> args;
-    for (const std::string &arg : argv)
-        args.push_back(const_cast<char *>(arg.c_str()));
-    args.push_back(nullptr);
-    pid_ = fork();
+child_process::child_process(const strings &argv, const std::string &output) : pid_(fork()) {
     if (pid_ == 0) {
+        std::vector<char *> args;
+        for (const std::string &arg : argv)
+            args.push_back(const_cast<char *>(arg.c_str()));
+        args.push_back(nullptr);
         int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         dup2(fd, STDOUT_FILENO);
         dup2(fd, STDERR_FILENO);
@@ -75,28 +71,26 @@ std::optional<int> child_process::wait_exit(std::chrono::milliseconds timeout) {
 
 e2e_sandbox::e2e_sandbox(bool with_store) {
     for (const char *dir : {"etc/config", "var/run", "var/log", "tmp", "proc"})
-        root.make_dirs(dir);
-    if (!with_store)
-        return;
-    store.emplace(std::vector<std::string>{stord_bin, "--socket", root.file("var/run/stord.sock"),
-                                           "--journal", root.file("journal")},
-                  root.file("stord.out"));
-    EXPECT_TRUE(wait_until([&] { return root.exists("var/run/stord.sock"); }));
+        std::filesystem::create_directories(root.file(dir));
+    if (with_store) {
+        store.emplace(strings{TOVRIN_STORD_BIN, "--socket", root.file("var/run/stord.sock"),
+                              "--journal", root.file("journal")},
+                      root.file("stord.out"));
+        EXPECT_TRUE(wait_until([&] { return root.exists("var/run/stord.sock"); }));
+    }
 }
 
 void e2e_sandbox::start(const std::string &config) {
     root.write_file("etc/config/tovrin.conf", config);
-    daemon.emplace(std::vector<std::string>{TOVRIN_SANDBOX_BIN, root.path()},
-                   root.file("daemon.out"));
+    daemon.emplace(strings{TOVRIN_SANDBOX_BIN, root.path()}, root.file("daemon.out"));
 }
 
-std::vector<std::string> e2e_sandbox::statuses(const std::string &conn) const {
-    std::vector<std::string> out;
+strings e2e_sandbox::statuses(const std::string &conn) const {
+    strings out;
     std::istringstream journal(root.read_file("journal"));
     const std::string marker = " set tovrin." + conn + ".status 2 ";
     for (std::string line; std::getline(journal, line);) {
-        size_t at = line.find(marker);
-        if (at != std::string::npos)
+        if (size_t at = line.find(marker); at != std::string::npos)
             out.push_back(line.substr(at + marker.size()));
     }
     return out;
@@ -106,14 +100,10 @@ bool e2e_sandbox::wait_status(const std::string &conn, const std::string &state,
                               std::chrono::milliseconds timeout) const {
     return wait_until(
         [&] {
-            std::vector<std::string> seen = statuses(conn);
+            strings seen = statuses(conn);
             return !seen.empty() && seen.back() == state;
         },
         timeout);
-}
-
-bool e2e_sandbox::wait_log(const std::string &text, std::chrono::milliseconds timeout) const {
-    return wait_until([&] { return log().find(text) != std::string::npos; }, timeout);
 }
 
 void e2e_sandbox::set(const std::string &key, const std::string &value) const {

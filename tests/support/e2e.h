@@ -1,14 +1,13 @@
 #pragma once
 
+// Real processes: the stord and tovrin-sandbox programs in a private root.
+
 #include <sys/types.h>
 
 #include <chrono>
 #include <functional>
-#include <optional>
-#include <string>
-#include <vector>
 
-#include "support/temp_dir.h"
+#include "support/test_inst.h"
 
 using namespace std::chrono_literals;
 
@@ -23,9 +22,8 @@ long rss_kib(pid_t pid);
 // object owns it: one still running when the object goes is killed.
 class child_process {
   public:
-    child_process(const std::vector<std::string> &argv, const std::string &output);
+    child_process(const strings &argv, const std::string &output);
     child_process(const child_process &) = delete;
-    child_process &operator=(const child_process &) = delete;
     ~child_process();
 
     pid_t pid() const { return pid_; }
@@ -33,25 +31,25 @@ class child_process {
     std::optional<int> wait_exit(std::chrono::milliseconds timeout = 15s);
 
   private:
-    pid_t pid_ = -1;
+    pid_t pid_;
     std::optional<int> status_;
 };
 
 // The real stord and tovrin-sandbox in a private root. What the daemon
 // published is read from the store's journal, what it logged from its log.
-class e2e_sandbox {
-  public:
+struct e2e_sandbox {
     // Starts stord on the root's socket, unless the test plays the store.
     explicit e2e_sandbox(bool with_store = true);
-
     // Writes the configuration and starts the daemon on it.
     void start(const std::string &config);
     // The states published for conn, in order.
-    std::vector<std::string> statuses(const std::string &conn) const;
+    strings statuses(const std::string &conn) const;
     bool wait_status(const std::string &conn, const std::string &state,
                      std::chrono::milliseconds timeout = 15s) const;
     std::string log() const { return root.read_file("var/log/tovrin.log"); }
-    bool wait_log(const std::string &text, std::chrono::milliseconds timeout = 15s) const;
+    bool wait_log(const std::string &text, std::chrono::milliseconds timeout = 15s) const {
+        return wait_until([&] { return log().find(text) != std::string::npos; }, timeout);
+    }
     // Sets a store key as another service of the appliance would.
     void set(const std::string &key, const std::string &value) const;
     // Ends the store: the daemon must follow with status 1, its pid file
@@ -59,6 +57,5 @@ class e2e_sandbox {
     void stop_store();
 
     temp_dir root;
-    std::string stord_bin = TOVRIN_STORD_BIN;
     std::optional<child_process> store, daemon;
 };

@@ -1,12 +1,100 @@
 #include "support/test_inst.h"
 
-#include <gtest/gtest.h>
+#include <dlfcn.h>
+#include <log4c/appender.h>
+#include <log4c/logging_event.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include "config/fixup.h"
-#include "config/load.h"
-#include "supervise/message_queue.h"
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Allocations still to succeed before the planned failure; negative when
+// none is planned. While paused (the log capture recording), allocations are
+// neither counted nor failed, so the failure always lands in the code under
+// test.
+long allocations_before_failure = -1;
+bool allocation_paused = false;
+
+int capture_append(log4c_appender_t *appender, const log4c_logging_event_t *event) {
+    auto *records = static_cast<std::vector<log_record> *>(log4c_appender_get_udata(appender));
+    allocation_paused = true;
+    records->push_back(log_record{event->evt_priority, event->evt_msg});
+    allocation_paused = false;
+    return 0;
+}
+
+const log4c_appender_type_t capture_type = {"tovrin_test_capture", nullptr, capture_append,
+                                            nullptr};
+
+}  // namespace
+
+// Only this throwing form is replaced; every request is passed on to the
+// next definition (the sanitizer's or the C++ library's), so allocation and
+// release pair up exactly as without it.
+void *operator new(std::size_t size) {
+    if (!allocation_paused && allocations_before_failure >= 0 && allocations_before_failure-- == 0)
+        throw std::bad_alloc();
+    using allocate_fn = void *(*)(std::size_t);
+    static const auto next = reinterpret_cast<allocate_fn>(dlsym(RTLD_NEXT, "_Znwm"));
+    return next != nullptr ? next(size) : throw std::bad_alloc();
+}
+
+void allocation_fail_after(long succeeding) {
+    allocations_before_failure = succeeding;
+}
+
+bool allocation_failure_happened() {
+    return std::exchange(allocations_before_failure, -1) < 0;
+}
+
+log_capture::log_capture(int priority)
+    : setup_(tovrin_log_setup::open_custom(&capture_type, &records_)) {
+    setup_.set_priority(priority);
+}
+
+strings log_capture::messages() const {
+    strings out;
+    for (const log_record &record : records_)
+        out.push_back(record.message);
+    return out;
+}
+
+temp_dir::temp_dir() {
+    const char *base = std::getenv("TMPDIR");
+    std::string pattern =
+        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/tovrin-test-XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr)
+        throw std::runtime_error("mkdtemp " + pattern + ": " + std::strerror(errno));
+    path_ = pattern;
+}
+
+temp_dir::~temp_dir() {
+    std::error_code ec;  // best effort: a leftover directory harms nobody
+    fs::remove_all(path_, ec);
+}
+
+bool temp_dir::exists(const std::string &rel) const {
+    std::error_code ec;
+    return fs::exists(fs::symlink_status(file(rel), ec));
+}
+
+void temp_dir::write_file(const std::string &rel, const std::string &content) const {
+    fs::create_directories(fs::path(file(rel)).parent_path());
+    std::ofstream out(file(rel), std::ios::binary | std::ios::trunc);
+    if (!out.write(content.data(), static_cast<std::streamsize>(content.size())).flush())
+        throw std::runtime_error("cannot write " + file(rel));
+}
+
+std::string temp_dir::read_file(const std::string &rel) const {
+    std::ostringstream content;
+    content << std::ifstream(file(rel), std::ios::binary).rdbuf();
+    return content.str();
+}
 
 test_inst::test_inst() : paths(tovrin_paths_sandbox(root.path())) {
     int pair[2];
@@ -17,16 +105,7 @@ test_inst::test_inst() : paths(tovrin_paths_sandbox(root.path())) {
     inst.paths = &paths;
     if (tovrin_inst_init(daemon_end.get(), &inst) == nullptr)
         throw std::runtime_error("tovrin_inst_init failed");
-    // The start-up subscription is not what tests look at.
-    inst.store_out_queue.clear();
-}
-
-void test_inst::write_config(const std::string &text) const {
-    root.write_file("etc/config/tovrin.conf", text);
-}
-
-int test_inst::load() {
-    return tovrin_config_load(&inst, tovrin_config_move);
+    inst.store_out_queue.clear();  // the start-up subscription is not what tests look at
 }
 
 bool test_inst::dispatch() {
@@ -37,8 +116,4 @@ bool test_inst::dispatch() {
             return true;
     }
     return false;
-}
-
-void test_inst::deliver(const std::string &name, int type) {
-    tovrin_conn_deliver_message(&inst, nullptr, conn(name), type);
 }

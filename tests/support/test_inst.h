@@ -1,34 +1,99 @@
 #pragma once
 
+// What the tests share: a private directory, the log captured in memory, one
+// planned allocation failure, and an instance whose store the test plays.
+
+#include <gtest/gtest.h>
+
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "config/fixup.h"
+#include "config/load.h"
+#include "daemon/log.h"
 #include "daemon/paths.h"
-#include "platform/unique_fd.h"
+#include "supervise/conn.h"
 #include "supervise/inst.h"
-#include "support/temp_dir.h"
+#include "supervise/message_queue.h"
+#include "supervise/state.h"
+
+using strings = std::vector<std::string>;
+
+// A private directory under $TMPDIR (or /tmp), removed with everything in it
+// when the object goes.
+class temp_dir {
+  public:
+    temp_dir();
+    ~temp_dir();
+    temp_dir(const temp_dir &) = delete;
+    temp_dir &operator=(const temp_dir &) = delete;
+
+    const std::string &path() const { return path_; }
+    std::string file(const std::string &rel) const { return path_ + "/" + rel; }
+    bool exists(const std::string &rel) const;
+    // Replaces rel, creating its parent directories; throws on failure.
+    void write_file(const std::string &rel, const std::string &content) const;
+    // The content of rel, "" when it is missing.
+    std::string read_file(const std::string &rel) const;
+
+  private:
+    std::string path_;
+};
+
+struct log_record {
+    int priority;
+    std::string message;
+    bool operator==(const log_record &) const = default;
+};
+
+inline std::ostream &operator<<(std::ostream &out, const log_record &record) {
+    return out << record.priority << " \"" << record.message << "\"";
+}
+
+// Routes tovrin_log into memory for as long as it lives, so tests can assert
+// messages and priorities byte for byte.
+class log_capture {
+  public:
+    // Captures messages up to priority (info: what the daemon writes).
+    explicit log_capture(int priority = TOVRIN_LOG_INFO);
+    const std::vector<log_record> &records() const { return records_; }
+    strings messages() const;
+
+  private:
+    std::vector<log_record> records_;
+    tovrin_log_setup setup_;
+};
+
+// The test binaries' allocation function fails once, on request, so tests
+// can prove that code survives any single allocation failure: the failure
+// comes after `succeeding` more allocations. Tests run on one thread.
+void allocation_fail_after(long succeeding);
+// Cancels a planned failure; true when it had happened.
+bool allocation_failure_happened();
 
 // An instance initialised as start-up does it, in a private root, with its
 // store link on one end of a socket pair; the test plays the store on the
-// other end. Declared members go in this order so that the instance (and
-// its event base) outlives nothing it points at.
+// other end. Members go in this order so that the instance (and its event
+// base) outlives nothing it points at.
 class test_inst {
   public:
     test_inst();
     test_inst(const test_inst &) = delete;
     test_inst &operator=(const test_inst &) = delete;
 
-    // Writes the configuration file the instance reads.
-    void write_config(const std::string &text) const;
+    void write_config(const std::string &text) const {
+        root.write_file("etc/config/tovrin.conf", text);
+    }
     // Loads the configuration file and puts it into force, as start-up does.
-    int load();
+    int load() { return tovrin_config_load(&inst, tovrin_config_move); }
     // Runs the loop until a turn passes with no message queued before or
-    // after it (activated events such as the reload check have then run);
-    // false when messages still come after 1,000 turns.
+    // after it; false when messages still come after 1,000 turns.
     bool dispatch();
     // Queues a message from the daemon to the conn in force named name.
-    void deliver(const std::string &name, int type);
-    // The conn in force named name, or null (without logging).
+    void deliver(const std::string &name, int type) {
+        tovrin_conn_deliver_message(&inst, nullptr, conn(name), type);
+    }
     tovrin_conn *conn(const std::string &name) { return inst.conns.find(name); }
 
     temp_dir root;
