@@ -1,7 +1,6 @@
 // The configuration parser with its fix-ups, then a state dump of what
 // loaded.
 
-#include "config/state_dump.h"
 #include "fuzz_inst.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {

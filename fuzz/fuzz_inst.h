@@ -13,9 +13,11 @@
 #include "command/tokenizer.h"
 #include "config/fixup.h"
 #include "config/load.h"
+#include "config/state_dump.h"
 #include "store/command.h"
 #include "store/frame.h"
 #include "store/store_link.h"
+#include "supervise/inst.h"
 #include "supervise/message_queue.h"
 
 struct fuzz_inst {

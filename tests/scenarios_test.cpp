@@ -92,11 +92,11 @@ std::string trimmed(const std::string &text) {
                : text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
-// The trimmed items of a comma-separated list.
-lines items(const std::string &text) {
+// The trimmed pieces of text between separators.
+lines split(const std::string &text, char separator) {
     lines out;
     std::istringstream in(text);
-    for (std::string item; std::getline(in, item, ',');)
+    for (std::string item; std::getline(in, item, separator);)
         out.push_back(trimmed(item));
     return out;
 }
@@ -214,10 +214,8 @@ struct runner {
                 reinterpret_cast<const unsigned char *>(store_bytes.data() + pos));
             if (store_bytes.size() - pos - TOVRIN_FRAME_HEADER < length)
                 break;
-            lines f;
-            std::istringstream body(store_bytes.substr(pos + TOVRIN_FRAME_HEADER, length));
-            for (std::string field; std::getline(body, field, TOVRIN_FRAME_SEPARATOR);)
-                f.push_back(field);
+            lines f = split(store_bytes.substr(pos + TOVRIN_FRAME_HEADER, length),
+                            TOVRIN_FRAME_SEPARATOR);
             pos += TOVRIN_FRAME_HEADER + length;
             const std::string type = f.empty() ? "" : f[0], key = f.size() > 1 ? f[1] : "";
             if (type == "1" && f.size() == 4 && f[2] == "2" && key.starts_with("tovrin.") &&
@@ -367,7 +365,7 @@ struct runner {
         std::string rest;
         const std::string what = word_at(text, 0, &rest);
         if (what == "state") {
-            for (const std::string &item : items(rest)) {
+            for (const std::string &item : split(rest, ',')) {
                 std::string state;
                 tovrin_conn *conn = t.inst.conns.find(word_at(item, 0, &state));
                 std::string actual = conn != nullptr ? tovrin_state_name(conn->current_state) : "?";
@@ -375,7 +373,7 @@ struct runner {
                     fail(line, item + ": the conn is " + actual);
             }
         } else if (what == "idle") {
-            for (const std::string &name : items(rest)) {
+            for (const std::string &name : split(rest, ',')) {
                 event_slot *slot = timer(line, name);
                 if (slot != nullptr && slot->pending())
                     fail(line, "timer " + name + " is pending");
@@ -421,9 +419,9 @@ struct runner {
                 config += replaced(replaced(clause, "ROOT", t.root.path()), " ; ", "\n\t") + "\n";
             } else if (!text.empty() && text[0] != '#') {
                 bool loose = text.ends_with(" ...");
-                std::istringstream chained(text.substr(0, text.size() - (loose ? 4 : 0)));
-                for (std::string one; std::getline(chained, one, ';') && !failed;)
-                    step(line, trimmed(one));
+                for (const std::string &one :
+                     split(text.substr(0, text.size() - (loose ? 4 : 0)), ';'))
+                    step(line, one);
                 lines expected, produced;
                 numbered checks;
                 for (; i < s.lines.size() && std::string("\t #").find(s.lines[i].second[0]) < 3;
@@ -431,7 +429,7 @@ struct runner {
                     std::string e = trimmed(s.lines[i].second), states;
                     std::string first = word_at(e, 0), conn = word_at(e, 1, &states);
                     if (first == "status" && conn.ends_with(":")) {
-                        for (const std::string &state : items(states))
+                        for (const std::string &state : split(states, ','))
                             expected.push_back("status " + conn.substr(0, conn.size() - 1) + " " +
                                                state);
                     } else if (first == "state" || first == "timer" || first == "idle" ||

@@ -30,11 +30,12 @@ const char world[] =
     "conn r3\n\tparent r1\n\tparent p3\nanygroup loop1\nanygroup loop2\n";
 
 struct strategy_case {
-    const char *conn;
-    const char *reference;
+    const char *conn, *reference;
     maybe expected;
-    strings messages;  // all at priority 0
+    strings messages = {};  // all at priority 0
 };
+
+const maybe none;
 
 std::string cycle(const char *through) {
     return std::string("variable search for x found a cycle through conn ") + through;
@@ -54,55 +55,36 @@ TEST(VarSearch, EachStrategyVisitsItsHolders) {
     t.conn("loop1")->active_conn_name = "loop2";
     t.conn("loop2")->active_conn_name = "loop1";
     t.inst.conns.unlink(t.conn("gone"));
+    // clang-format off
     const strategy_case cases[] = {
         // first, depth first: p1's ancestry before p2; a conn's own value first.
-        {"kid", "x", "gp", {}},
-        {"kid", "first:x", "gp", {}},
-        {"own", "x", "own", {}},
-        {"kid", "nothing", std::nullopt, {}},
-        {"later", "x", "second", {}},
-        {"later", "ab", "one", {}},
-        {"later", "ba", "two", {}},
-        {"later", "AB", std::nullopt, {}},
+        {"kid", "x", "gp"}, {"kid", "first:x", "gp"}, {"own", "x", "own"},
+        {"kid", "nothing", none}, {"later", "x", "second"}, {"later", "ab", "one"},
+        {"later", "ba", "two"}, {"later", "AB", none},
         // all collects in the order visited, unless the conn holds the name.
-        {"kid", "all:x", "gp p2", {}},
-        {"both", "all:x", "p2 p3", {}},
-        {"own", "all:x", "own", {}},
-        {"own", "parents_all:x", "gp p2", {}},
-        {"p2", "parents_all:x", std::nullopt, {}},
+        {"kid", "all:x", "gp p2"}, {"both", "all:x", "p2 p3"}, {"own", "all:x", "own"},
+        {"own", "parents_all:x", "gp p2"}, {"p2", "parents_all:x", none},
         // local stays in the conn and its chain of active members.
-        {"kid", "local:x", std::nullopt, {}},
-        {"g1", "local:x", "deep", {}},
-        {"g1", "x", "deep", {}},
+        {"kid", "local:x", none}, {"g1", "local:x", "deep"}, {"g1", "x", "deep"},
         // Prefixes choose the last matching strategy; unknown ones mean first.
-        {"kid", "allx:x", "gp p2", {}},
-        {"kid", "localfoo:x", std::nullopt, {}},
-        {"kid", "foo:x", "gp", {}},
-        {"kid", "all:a:b", "colon", {}},
-        {"kid", "a:b", std::nullopt, {}},
+        {"kid", "allx:x", "gp p2"}, {"kid", "localfoo:x", none}, {"kid", "foo:x", "gp"},
+        {"kid", "all:a:b", "colon"}, {"kid", "a:b", none},
         // A store variable without a value ends first and hides in all.
-        {"silent", "x", std::nullopt, {}},
-        {"silent", "all:x", std::nullopt, {}},
-        {"silent", "parents_all:x", "p2", {}},
-        {"fed", "all:x", "fed value", {}},
+        {"silent", "x", none}, {"silent", "all:x", none}, {"silent", "parents_all:x", "p2"},
+        {"fed", "all:x", "fed value"},
         // A group searches its active member, then its parents.
-        {"grp", "x", "m2", {}},
-        {"grp", "all:x", "m2 p3", {}},
-        {"idle", "local:x", std::nullopt, {}},
+        {"grp", "x", "m2"}, {"grp", "all:x", "m2 p3"}, {"idle", "local:x", none},
         {"lost", "x", "p3", {"couldn't find conn: nobody"}},
         // A diamond is searched along both paths.
-        {"dia", "x", "top", {}},
-        {"dia", "all:x", "top top", {}},
-        {"dia", "y", std::nullopt, {"couldn't find conn: gone", "couldn't find conn: gone"}},
+        {"dia", "x", "top"}, {"dia", "all:x", "top top"},
+        {"dia", "y", none, {"couldn't find conn: gone", "couldn't find conn: gone"}},
         // A conn met again on its own path is skipped, said once per search.
-        {"self", "x", "p2", {cycle("self")}},
-        {"self", "all:x", "p2", {cycle("self")}},
-        {"r1", "x", "p3", {cycle("r1")}},
-        {"r1", "all:x", "p3", {cycle("r1")}},
-        {"r2", "parents_all:x", "p3", {cycle("r2")}},
-        {"loop1", "local:x", std::nullopt, {cycle("loop1")}},
-        {"loop1", "x", std::nullopt, {cycle("loop1")}},
+        {"self", "x", "p2", {cycle("self")}}, {"self", "all:x", "p2", {cycle("self")}},
+        {"r1", "x", "p3", {cycle("r1")}}, {"r1", "all:x", "p3", {cycle("r1")}},
+        {"r2", "parents_all:x", "p3", {cycle("r2")}}, {"loop1", "local:x", none, {cycle("loop1")}},
+        {"loop1", "x", none, {cycle("loop1")}},
     };
+    // clang-format on
     for (const strategy_case &c : cases) {
         SCOPED_TRACE(std::string(c.conn) + " " + c.reference);
         log_capture log;

@@ -70,15 +70,14 @@ TEST(ConfigLoad, ReportsEveryErrorExactly) {
         {"", {}},
         {"# nothing\n   # indented comment\n\t\n\nglobal extra\nglobal\nconn a x\n\t# c\n", {}},
         {"conn a\n\ttest " + std::string(1016, 'a') + "\n", {}},
-        {"conn a\n\ttestperiod 10\n", {}, 10},
-        {"conn a\n\ttestperiod 10s\n", {}, 10},
-        {"conn a\n\ttestperiod abc\n", {}, 0},
-        {"conn a\n\ttestperiod -3\n", {}, -3},
-        {"conn a\n\ttestperiod +5\n", {}, 5},
-        {"conn a\n\ttestperiod 1e3\n", {}, 1},
+        // clang-format off
+        {"conn a\n\ttestperiod 10\n", {}, 10}, {"conn a\n\ttestperiod 10s\n", {}, 10},
+        {"conn a\n\ttestperiod abc\n", {}, 0}, {"conn a\n\ttestperiod -3\n", {}, -3},
+        {"conn a\n\ttestperiod +5\n", {}, 5}, {"conn a\n\ttestperiod 1e3\n", {}, 1},
         {"conn a\n\ttestperiod 2147483647\n", {}, INT_MAX},
         {"conn a\n\ttestperiod 2147483648\n", {}, INT_MAX},
         {"conn a\n\ttestperiod -99999999999\n", {}, INT_MIN},
+        // clang-format on
     };
     test_inst t;
     for (const load_case &c : cases) {

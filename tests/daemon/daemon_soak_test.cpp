@@ -3,12 +3,9 @@
 // (TOVRIN_SOAK_SECONDS, 60 unless set). Afterwards everything is healthy
 // again and the daemon holds what it held after warming up.
 
-#include <gtest/gtest.h>
 #include <signal.h>
 
-#include <cstdlib>
 #include <random>
-#include <string>
 #include <thread>
 
 #include "stord/client.h"

@@ -4,30 +4,14 @@
 
 namespace {
 
-// One row per group state: what the ordered group answers its active member
-// and another member, for the requests start / enter up / stop up commands,
-// without and with mutex. 'y' allows, '-' refuses.
-struct decision_row {
-    int group_state;
-    const char *active_plain;
-    const char *other_plain;
-    const char *active_mutex;
-    const char *other_mutex;
-};
-
-const decision_row decisions[] = {
-    {TOVRIN_STATE_DOWN, "--y", "--y", "--y", "--y"},
-    {TOVRIN_STATE_WAITING_TO_START, "--y", "--y", "--y", "--y"},
-    {TOVRIN_STATE_STARTING, "yy-", "y-y", "yy-", "--y"},
-    {TOVRIN_STATE_STARTING_UP_COMMANDS, "yy-", "y-y", "yy-", "--y"},
-    {TOVRIN_STATE_TESTING, "yy-", "y-y", "yy-", "--y"},
-    {TOVRIN_STATE_TESTED, "yy-", "y-y", "yy-", "--y"},
-    {TOVRIN_STATE_UP, "yy-", "y-y", "yy-", "--y"},
-    {TOVRIN_STATE_WAITING_TO_STOP, "---", "y-y", "---", "--y"},
-    {TOVRIN_STATE_STOPPING_UP_COMMANDS, "---", "y-y", "---", "--y"},
-    {TOVRIN_STATE_STOPPING, "--y", "--y", "--y", "--y"},
-    {TOVRIN_STATE_STARTING_MEMBERS, "yy-", "y-y", "yy-", "--y"},
-    {TOVRIN_STATE_STOPPING_MEMBERS, "--y", "--y", "--y", "--y"},
+// What the ordered group answers, in each group state (in state order), its
+// active member and another member, without then with mutex, for the
+// requests start / enter up / stop up commands. 'y' allows, '-' refuses.
+const char *const decisions[] = {
+    "--y --y --y --y", "--y --y --y --y", "yy- y-y yy- --y",  // down, waiting to start, starting
+    "yy- y-y yy- --y", "yy- y-y yy- --y", "yy- y-y yy- --y",  // starting up commands ... tested
+    "yy- y-y yy- --y", "--- y-y --- --y", "--- y-y --- --y",  // up ... stopping up commands
+    "--y --y --y --y", "yy- y-y yy- --y", "--y --y --y --y",  // stopping ... stopping members
 };
 
 const int requests[] = {TOVRIN_GROUP_START, TOVRIN_GROUP_ENTER_UP, TOVRIN_GROUP_STOP_UP_COMMANDS};
@@ -43,16 +27,15 @@ TEST(GroupCheck, OrderedGroupFollowsTheDecisionTableInEveryState) {
     tovrin_conn *group = t.conn("g");
     for (int mutex = 0; mutex <= 1; mutex++) {
         group->mutex = mutex;
-        for (const decision_row &row : decisions) {
-            group->current_state = row.group_state;
-            const char *active = mutex ? row.active_mutex : row.active_plain;
-            const char *other = mutex ? row.other_mutex : row.other_plain;
+        for (int state = 0; state < 12; state++) {
+            group->current_state = state;
             for (int i = 0; i < 3; i++) {
                 SCOPED_TRACE("mutex " + std::to_string(mutex) + ", group " +
-                             tovrin_state_name(row.group_state) + ", request " +
-                             std::to_string(requests[i]));
-                EXPECT_EQ(check(t, "a", requests[i]), active[i] == 'y' ? 1 : 0);
-                EXPECT_EQ(check(t, "b", requests[i]), other[i] == 'y' ? 1 : 0);
+                             tovrin_state_name(state) + ", request " + std::to_string(requests[i]));
+                EXPECT_EQ(check(t, "a", requests[i]),
+                          decisions[state][8 * mutex + i] == 'y' ? 1 : 0);
+                EXPECT_EQ(check(t, "b", requests[i]),
+                          decisions[state][8 * mutex + 4 + i] == 'y' ? 1 : 0);
             }
         }
         // The first member became active at the first check and stayed so.

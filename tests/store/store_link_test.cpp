@@ -131,18 +131,13 @@ TEST(StoreLink, NotificationsSplitIntoTypeKeyAndValue) {
         int type;
         const char *key, *value;
     } cases[] = {
-        {"8|k|1|5|a|b", 8, "k", "a|b"},
-        {"8|k|1|5|val\r\n", 8, "k", "val"},
-        {"8|k|1|5|val\nignored", 8, "k", "val"},
-        {"|\r8||k\n\n1\r5|val", 8, "k", "val"},
-        {"8|k|1|5|\r\nval", 8, "k", "val"},
-        {"8|k|1|5||val", 8, "k", "|val"},
-        {"7|k|1|5|val", 7, "k", "val"},
-        {"8|k|1|5", 8, "k", ""},
-        {"8|k|1|5|\r\n", 8, "k", ""},
-        {"8|k", 8, "k", ""},
-        {"", 0, "", ""},
-        {"x|k|1|5|v", 0, "k", "v"},
+        // clang-format off
+        {"8|k|1|5|a|b", 8, "k", "a|b"}, {"8|k|1|5|val\r\n", 8, "k", "val"},
+        {"8|k|1|5|val\nignored", 8, "k", "val"}, {"|\r8||k\n\n1\r5|val", 8, "k", "val"},
+        {"8|k|1|5|\r\nval", 8, "k", "val"}, {"8|k|1|5||val", 8, "k", "|val"},
+        {"7|k|1|5|val", 7, "k", "val"}, {"8|k|1|5", 8, "k", ""}, {"8|k|1|5|\r\n", 8, "k", ""},
+        {"8|k", 8, "k", ""}, {"", 0, "", ""}, {"x|k|1|5|v", 0, "k", "v"},
+        // clang-format on
     };
     for (const auto &c : cases) {
         std::string body = rs(c.body);

@@ -1,12 +1,7 @@
 // The stand-in store and its client, as the daemon's tests and operators use
 // them.
 
-#include <gtest/gtest.h>
 #include <signal.h>
-
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "stord/client.h"
 #include "support/e2e.h"
@@ -14,13 +9,13 @@
 namespace {
 
 using result = std::pair<int, std::string>;
+using note = std::pair<std::string, std::string>;
 
-result storectl(e2e_sandbox &s, std::vector<std::string> args) {
+result storectl(e2e_sandbox &s, strings args) {
     args.insert(args.begin(), {TOVRIN_STORECTL_BIN, "--socket", s.root.file("var/run/stord.sock")});
     s.root.write_file("ctl.out", "");
     child_process ctl(args, s.root.file("ctl.out"));
-    std::optional<int> status = ctl.wait_exit();
-    return {status.value_or(-1), s.root.read_file("ctl.out")};
+    return {ctl.wait_exit().value_or(-1), s.root.read_file("ctl.out")};
 }
 
 TEST(StoreTools, StorectlSubcommandsAndTheirStatuses) {
@@ -74,21 +69,17 @@ TEST(StoreTools, StordServesSubscribersAndDropsBadClients) {
     setter.sync();
     listener.subscribe("k");
     listener.watch_pattern("tovrin.*.status");
-    EXPECT_EQ(listener.next_notification(5s),
-              std::make_pair(std::string("k"), std::string("first")));
+    EXPECT_EQ(listener.next_notification(5s), note("k", "first"));
     setter.set("k", "second");
     setter.set("tovrin.wan.status", "up");
-    EXPECT_EQ(listener.next_notification(5s),
-              std::make_pair(std::string("k"), std::string("second")));
-    EXPECT_EQ(listener.next_notification(5s),
-              std::make_pair(std::string("tovrin.wan.status"), std::string("up")));
+    EXPECT_EQ(listener.next_notification(5s), note("k", "second"));
+    EXPECT_EQ(listener.next_notification(5s), note("tovrin.wan.status", "up"));
     EXPECT_EQ(setter.count_subscriptions("k"), 1);
     stord_client rogue(socket);
     rogue.send_raw(std::string("\x00\x00\x00\x02", 4) + "77");
     EXPECT_TRUE(rogue.wait_closed(5s));
     setter.set("k", "third");
-    EXPECT_EQ(listener.next_notification(5s),
-              std::make_pair(std::string("k"), std::string("third")));
+    EXPECT_EQ(listener.next_notification(5s), note("k", "third"));
     EXPECT_NE(s.root.read_file("stord.out").find(": dropped: unknown type 77"), std::string::npos)
         << s.root.read_file("stord.out");
 }
