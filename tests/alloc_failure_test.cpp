@@ -12,8 +12,6 @@
 #include "store/status.h"
 #include "support/test_inst.h"
 
-namespace {
-
 using outcome = strings;
 
 struct sweep_case {
@@ -27,7 +25,7 @@ struct sweep_case {
     std::vector<outcome> must_see;  // outcomes some failure must give
 };
 
-std::string count(const char *what, size_t n) {
+static std::string count(const char *what, size_t n) {
     return std::string(what) + " " + std::to_string(n);
 }
 
@@ -117,9 +115,7 @@ TEST(AllocationSweep, EveryOperationSurvivesAnySingleFailure) {
         for (long k = 0;; k++) {
             ASSERT_LT(k, 100000);
             SCOPED_TRACE(k);
-            test_inst t;
-            t.write_config(c.config);
-            ASSERT_EQ(t.load(), 0);
+            test_inst t(c.config);
             t.inst.store_out_queue.clear();
             c.prepare(t);
             log_capture log;
@@ -148,5 +144,3 @@ TEST(AllocationSweep, EveryOperationSurvivesAnySingleFailure) {
             EXPECT_EQ(seen.count(o), 1u) << testing::PrintToString(o);
     }
 }
-
-}  // namespace

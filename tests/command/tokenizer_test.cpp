@@ -5,8 +5,6 @@
 
 #include "support/test_inst.h"
 
-namespace {
-
 const char in_container[] = "str2argv - parse error, still in container";
 const char in_var[] = "str2argv - parse error, still in var";
 const char escape[] = "str2argv - parse error, unused escape (\\)";
@@ -22,24 +20,22 @@ struct split_case {
 };
 
 // Words w0 to w<n - 1>, as a command and as tokens.
-std::string words(int n) {
+static std::string words(int n) {
     std::string out;
     for (int i = 0; i < n; i++)
         out += "w" + std::to_string(i) + " ";
     return out;
 }
 
-strings word_list(int n) {
+static strings word_list(int n) {
     std::istringstream in(words(n));
     return strings(std::istream_iterator<std::string>(in), {});
 }
 
 TEST(Tokenizer, SplitsQuotesEscapesReferencesWithinTheLimits) {
-    test_inst t;
-    t.write_config("conn wan\n\tparent up\n\tvar v 1 2\n\tvar quote say\"hi\"\n\tvar long " +
-                   std::string(600, 'L') + "\n\tvar " + std::string(99, 'n') +
-                   " found\n\tlog none\n" + "conn up\n\tvar v up\n\tlog none\n");
-    ASSERT_EQ(t.load(), 0);
+    test_inst t("conn wan\n\tparent up\n\tvar v 1 2\n\tvar quote say\"hi\"\n\tvar long " +
+                std::string(600, 'L') + "\n\tvar " + std::string(99, 'n') + " found\n\tlog none\n" +
+                "conn up\n\tvar v up\n\tlog none\n");
     const std::string full(1023, 't'), name99(99, 'n'), head(500, 'h');
     // clang-format off
     const split_case cases[] = {
@@ -87,5 +83,3 @@ TEST(Tokenizer, SplitsQuotesEscapesReferencesWithinTheLimits) {
         EXPECT_EQ(log.messages(), c.messages);
     }
 }
-
-}  // namespace

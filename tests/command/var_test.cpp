@@ -2,8 +2,6 @@
 
 #include "support/test_inst.h"
 
-namespace {
-
 using maybe = std::optional<std::string>;
 
 TEST(VarIndex, IsTheUnsignedByteSumModuloFive) {
@@ -37,14 +35,12 @@ struct strategy_case {
 
 const maybe none;
 
-std::string cycle(const char *through) {
+static std::string cycle(const char *through) {
     return std::string("variable search for x found a cycle through conn ") + through;
 }
 
 TEST(VarSearch, EachStrategyVisitsItsHolders) {
-    test_inst t;
-    t.write_config(world);
-    ASSERT_EQ(t.load(), 0);
+    test_inst t(world);
     for (tovrin_conn &conn : t.inst.conns)
         conn.log_mask = 0;
     t.inst.store_vars.front().current_val = "fed value";
@@ -158,5 +154,3 @@ TEST(VarSearch, LongChainsAndDiamondLaddersEnd) {
     EXPECT_EQ(cycle.messages(),
               (strings{"variable search for nothing found a cycle through conn c0"}));
 }
-
-}  // namespace

@@ -2,9 +2,7 @@
 
 #include "support/test_inst.h"
 
-namespace {
-
-void keep_pending(tovrin_inst *) {}
+static void keep_pending(tovrin_inst *) {}
 
 struct compare_case {
     const char *old_text;
@@ -70,9 +68,7 @@ const compare_case cases[] = {
 TEST(Compare, EachEditIsFoundWithItsOwnMessage) {
     for (const compare_case &c : cases) {
         SCOPED_TRACE(std::string(c.old_text) + " -> " + c.new_text);
-        test_inst t;
-        t.write_config(c.old_text);
-        ASSERT_EQ(t.load(), 0);
+        test_inst t(c.old_text);
         t.write_config(c.new_text);
         ASSERT_EQ(tovrin_config_load(&t.inst, keep_pending), 0);
         log_capture log(TOVRIN_LOG_DEBUG);
@@ -126,5 +122,3 @@ TEST(Compare, FileDependenciesAndRunTimeState) {
     EXPECT_EQ(tovrin_conn_compare(t.conn("C"), t.inst.new_conns.find("C")), 0);
     EXPECT_EQ(log.messages(), (strings{"conn name changed: A != B", "File deps added"}));
 }
-
-}  // namespace

@@ -1,7 +1,5 @@
 #include "support/test_inst.h"
 
-namespace {
-
 struct load_case {
     std::string text;
     strings messages;     // a failed load ends with "Failed To Load Config"
@@ -101,5 +99,3 @@ TEST(ConfigLoad, ReportsEveryErrorExactly) {
         t.inst.conns.clear();
     }
 }
-
-}  // namespace

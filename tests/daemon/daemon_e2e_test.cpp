@@ -4,15 +4,13 @@
 
 #include "support/e2e.h"
 
-namespace {
-
 const strings walk_up = {"down",    "waiting to start", "starting", "starting up commands",
                          "testing", "tested",           "up"};
 
 // app's start reports what a command sees: the helpers on its PATH and the
 // marker, /dev/null as input, its own process group, its signal state;
 // what it writes on standard error goes to its pipe, not the daemon's.
-std::string config(const temp_dir &root, int app_period) {
+static std::string config(const temp_dir &root, int app_period) {
     const std::string r = root.path();
     root.write_file("probe", "exec > " + r +
                                  "/env\necho \"$PATH|$RUNNING_UNDER_TOVRIN\"\n"
@@ -91,5 +89,3 @@ TEST(Daemon, RefusesASecondInstanceAndAMissingStore) {
     EXPECT_TRUE(s.wait_log("could not open stord socket"));
     EXPECT_FALSE(s.root.exists("var/run/tovrin.pid"));
 }
-
-}  // namespace

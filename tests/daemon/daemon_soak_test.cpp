@@ -11,11 +11,9 @@
 #include "stord/client.h"
 #include "support/e2e.h"
 
-namespace {
-
 // Chains of ten; the second configuration changes every third chain's
 // test period and drops the last conn.
-std::string config(const std::string &root, bool second) {
+static std::string config(const std::string &root, bool second) {
     std::string text = "global\n\tkeepalive 2\n\tconfigreloadtimeout 20\n";
     int conns = second ? 199 : 200;
     for (int i = 0; i < conns; i++) {
@@ -91,5 +89,3 @@ TEST(Soak, FlappingReloadsCommandsAndDumps) {
     EXPECT_LE(rss_kib(s.daemon->pid()), warm_rss + 4 * 1024);
     s.stop_store();
 }
-
-}  // namespace

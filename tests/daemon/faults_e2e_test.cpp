@@ -9,8 +9,6 @@
 
 #include "support/e2e.h"
 
-namespace {
-
 // A store that accepts the daemon, checks its first request (the
 // subscription), and then does what the test says.
 struct raw_store {
@@ -115,5 +113,3 @@ TEST(Faults, ChildrenThatMisbehave) {
     EXPECT_TRUE(s.wait_log("Finished Reloading Config"));
     s.stop_store();
 }
-
-}  // namespace

@@ -4,9 +4,8 @@
 
 #include "support/test_inst.h"
 
-namespace {
-
-std::string dump(const char *prefix, uint64_t mask, const tovrin_log_mask_vocabulary &words) {
+static std::string dump(const char *prefix, uint64_t mask,
+                        const tovrin_log_mask_vocabulary &words) {
     char *text = nullptr;
     size_t size = 0;
     FILE *stream = open_memstream(&text, &size);
@@ -65,5 +64,3 @@ TEST(LogMask, ParsesAndDumpsWords) {
         EXPECT_EQ(read_back, bit | 0x4 | 0x1000) << bit;
     }
 }
-
-}  // namespace

@@ -2,8 +2,6 @@
 
 #include "support/test_inst.h"
 
-namespace {
-
 // What the ordered group answers, in each group state (in state order), its
 // active member and another member, without then with mutex, for the
 // requests start / enter up / stop up commands. 'y' allows, '-' refuses.
@@ -16,14 +14,12 @@ const char *const decisions[] = {
 
 const int requests[] = {TOVRIN_GROUP_START, TOVRIN_GROUP_ENTER_UP, TOVRIN_GROUP_STOP_UP_COMMANDS};
 
-int check(test_inst &t, const std::string &member, int request) {
+static int check(test_inst &t, const std::string &member, int request) {
     return tovrin_conn_check_group(t.conn(member), request);
 }
 
 TEST(GroupCheck, OrderedGroupFollowsTheDecisionTableInEveryState) {
-    test_inst t;
-    t.write_config("orderedgroup g\n\tmember a\n\tmember b\nconn a\nconn b\n");
-    ASSERT_EQ(t.load(), 0);
+    test_inst t("orderedgroup g\n\tmember a\n\tmember b\nconn a\nconn b\n");
     tovrin_conn *group = t.conn("g");
     for (int mutex = 0; mutex <= 1; mutex++) {
         group->mutex = mutex;
@@ -47,12 +43,10 @@ TEST(GroupCheck, OrderedGroupFollowsTheDecisionTableInEveryState) {
 // all; a missing or plain group allows, saying so; an unknown kind or state
 // refuses; debuggeneral writes one line per check.
 TEST(GroupCheck, EdgesAndTheDebugLine) {
-    test_inst t;
-    t.write_config(
+    test_inst t(
         "global\n\tinstancelog +debuggeneral\norderedgroup g\n\tmember a\n\tmember b\n"
         "\tmutex\nconn a\nconn b\nanygroup any\n\tmember d\nconn d\nconn lone\nconn x\n"
         "conn y\norderedgroup empty\n");
-    ASSERT_EQ(t.load(), 0);
     tovrin_conn *g = t.conn("g");
     g->active_conn_name = "b";
     g->current_state = TOVRIN_STATE_UP;
@@ -84,5 +78,3 @@ TEST(GroupCheck, EdgesAndTheDebugLine) {
                    "tovrin_conn_check_group called with a conn y with an invalid group of lone"},
               }));
 }
-
-}  // namespace

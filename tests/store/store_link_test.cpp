@@ -5,10 +5,8 @@
 #include "store/frame.h"
 #include "support/test_inst.h"
 
-namespace {
-
 // Test text writes the record separator as '|'.
-std::string rs(std::string text) {
+static std::string rs(std::string text) {
     for (char &c : text) {
         if (c == '|')
             c = TOVRIN_FRAME_SEPARATOR;
@@ -16,14 +14,14 @@ std::string rs(std::string text) {
     return text;
 }
 
-std::string framed(const std::string &body) {
+static std::string framed(const std::string &body) {
     uint32_t n = static_cast<uint32_t>(body.size());
     return std::string{static_cast<char>(n >> 24), static_cast<char>(n >> 16),
                        static_cast<char>(n >> 8), static_cast<char>(n)} +
            body;
 }
 
-std::string receive(test_inst &t) {
+static std::string receive(test_inst &t) {
     std::string got;
     char buf[65536];
     for (ssize_t n; (n = read(t.store_end.get(), buf, sizeof buf)) > 0;)
@@ -31,11 +29,11 @@ std::string receive(test_inst &t) {
     return got;
 }
 
-void read_once(test_inst &t) {
+static void read_once(test_inst &t) {
     tovrin_store_read(t.daemon_end.get(), EV_READ, &t.inst);
 }
 
-void write_once(test_inst &t) {
+static void write_once(test_inst &t) {
     tovrin_store_write(t.daemon_end.get(), EV_WRITE, &t.inst);
 }
 
@@ -147,5 +145,3 @@ TEST(StoreLink, NotificationsSplitIntoTypeKeyAndValue) {
         EXPECT_EQ(std::string(n.value), rs(c.value)) << c.body;
     }
 }
-
-}  // namespace

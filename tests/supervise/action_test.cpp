@@ -2,8 +2,6 @@
 
 #include "support/e2e.h"
 
-namespace {
-
 TEST(Action, CommandLineKeepsTheArgumentsThatFit) {
     const std::string a400(400, 'a'), b400(400, 'b'), x1022(1022, 'x');
     const std::pair<strings, std::string> cases[] = {
@@ -19,7 +17,7 @@ TEST(Action, CommandLineKeepsTheArgumentsThatFit) {
         EXPECT_EQ(tovrin_action_command_line(argv), line);
 }
 
-void tick_cb(evutil_socket_t, short, void *) {}
+static void tick_cb(evutil_socket_t, short, void *) {}
 
 // Real children: output is drained as it comes (kept up to each read's
 // first NUL, at most 64 KiB), end of file stops the reading while the child
@@ -62,5 +60,3 @@ TEST(Action, RealChildrenAreDrainedReapedAndForgotten) {
     EXPECT_TRUE(t.inst.running_actions.empty());
     EXPECT_EQ(open_fd_count(getpid()), fds);
 }
-
-}  // namespace

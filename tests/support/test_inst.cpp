@@ -90,6 +90,12 @@ void temp_dir::write_file(const std::string &rel, const std::string &content) co
         throw std::runtime_error("cannot write " + file(rel));
 }
 
+std::string test_file(const std::string &rel) {
+    std::ostringstream content;
+    content << std::ifstream(std::string(TOVRIN_TEST_DIR "/") + rel, std::ios::binary).rdbuf();
+    return content.str();
+}
+
 std::string temp_dir::read_file(const std::string &rel) const {
     std::ostringstream content;
     content << std::ifstream(file(rel), std::ios::binary).rdbuf();
@@ -106,6 +112,12 @@ test_inst::test_inst() : paths(tovrin_paths_sandbox(root.path())) {
     if (tovrin_inst_init(daemon_end.get(), &inst) == nullptr)
         throw std::runtime_error("tovrin_inst_init failed");
     inst.store_out_queue.clear();  // the start-up subscription is not what tests look at
+}
+
+test_inst::test_inst(const std::string &config) : test_inst() {
+    write_config(config);
+    if (load() != 0)
+        throw std::runtime_error("the configuration does not load");
 }
 
 bool test_inst::dispatch() {

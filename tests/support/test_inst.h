@@ -41,6 +41,9 @@ class temp_dir {
     std::string path_;
 };
 
+// The content of a file of the suite (a golden file), by its path under tests/.
+std::string test_file(const std::string &rel);
+
 struct log_record {
     int priority;
     std::string message;
@@ -79,6 +82,8 @@ bool allocation_failure_happened();
 class test_inst {
   public:
     test_inst();
+    // ... with config loaded and in force; throws when it does not load.
+    explicit test_inst(const std::string &config);
     test_inst(const test_inst &) = delete;
     test_inst &operator=(const test_inst &) = delete;
 

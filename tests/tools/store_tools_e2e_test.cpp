@@ -6,12 +6,10 @@
 #include "stord/client.h"
 #include "support/e2e.h"
 
-namespace {
-
 using result = std::pair<int, std::string>;
 using note = std::pair<std::string, std::string>;
 
-result storectl(e2e_sandbox &s, strings args) {
+static result storectl(e2e_sandbox &s, strings args) {
     args.insert(args.begin(), {TOVRIN_STORECTL_BIN, "--socket", s.root.file("var/run/stord.sock")});
     s.root.write_file("ctl.out", "");
     child_process ctl(args, s.root.file("ctl.out"));
@@ -83,5 +81,3 @@ TEST(StoreTools, StordServesSubscribersAndDropsBadClients) {
     EXPECT_NE(s.root.read_file("stord.out").find(": dropped: unknown type 77"), std::string::npos)
         << s.root.read_file("stord.out");
 }
-
-}  // namespace
