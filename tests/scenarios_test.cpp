@@ -108,12 +108,6 @@ std::string join(const lines &words, const char *separator) {
     return out;
 }
 
-std::string replaced(std::string text, const std::string &from, const std::string &to) {
-    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
-        text.replace(at, from.size(), to);
-    return text;
-}
-
 // A child the fake spawner made. Nothing runs: the write end of its pipe
 // stays open until a step ends it.
 struct fake_child {

@@ -29,7 +29,9 @@ static std::string config(const temp_dir &root, int app_period) {
 TEST(Daemon, SupervisesRealCommandsUntilItsStoreGoes) {
     e2e_sandbox s;
     s.root.write_file("var/run/tovrin.pid", "1 left over by a crash\n");
-    s.start(config(s.root, 30));
+    // Started with SIGINT ignored, as a background job of a shell is: its
+    // commands must not inherit that.
+    s.start(config(s.root, 30), {"/bin/sh", "-c", "trap '' INT; exec \"$@\"", "sh"});
     ASSERT_TRUE(s.wait_status("app", "up")) << s.log();
     EXPECT_EQ(s.statuses("base"), walk_up);
     EXPECT_EQ(s.statuses("app"), walk_up);

@@ -80,25 +80,24 @@ TEST(Faults, AStoreThatStopsReadingGetsEverythingLater) {
 }
 
 // A command deaf to SIGTERM is killed with its whole group ten seconds
-// after its time ran out; a program that cannot run is a failed command;
-// out of descriptors, commands wait, logged, and the daemon runs on.
+// after its time ran out; a program that cannot run is a command that
+// exited 127; out of descriptors, commands wait, logged, and the daemon runs
+// on.
 TEST(Faults, ChildrenThatMisbehave) {
     e2e_sandbox s;
     const std::string r = s.root.path();
     std::string config =
         "conn deaf\n\tcommandtimeout 1\n\tstart sh -c 'trap \"\" TERM; echo $$ > " + r +
         "/group; sleep 60 & sleep 60'\n"
-        "conn missing\n\tstart " +
+        "conn missing\n\tlog +commanddebug\n\tstart " +
         r + "/nowhere --at-all\n";
     for (int i = 0; i < 40; i++)
         config += "conn u" + std::to_string(i) + "\n\tup sleep 60\n\tlog none\n";
-    s.root.write_file("etc/config/tovrin.conf", config);
-    s.daemon.emplace(
-        std::vector<std::string>{"/usr/bin/prlimit", "--nofile=64", "--", TOVRIN_SANDBOX_BIN, r},
-        s.root.file("daemon.out"));
+    s.start(config, {"/usr/bin/prlimit", "--nofile=64", "--"});
     ASSERT_TRUE(s.wait_log("cannot execute " + r + "/nowhere for conn missing: No such file"));
     ASSERT_TRUE(s.wait_status("missing", "up"));
     EXPECT_TRUE(s.wait_log("start command failed for conn missing : " + r + "/nowhere --at-all"));
+    EXPECT_TRUE(s.wait_log(" with return code 127"));
     EXPECT_TRUE(s.wait_log("could not run command sleep for conn u"));
     ASSERT_TRUE(s.wait_log("warning: timeout for action sh on conn deaf", 5s));
     ASSERT_TRUE(s.wait_status("deaf", "up", 20s)) << s.log();

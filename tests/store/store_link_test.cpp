@@ -1,24 +1,22 @@
 #include "store/store_link.h"
 
+#include <arpa/inet.h>
 #include <sys/socket.h>
+
+#include <algorithm>
 
 #include "store/frame.h"
 #include "support/test_inst.h"
 
 // Test text writes the record separator as '|'.
 static std::string rs(std::string text) {
-    for (char &c : text) {
-        if (c == '|')
-            c = TOVRIN_FRAME_SEPARATOR;
-    }
+    std::replace(text.begin(), text.end(), '|', TOVRIN_FRAME_SEPARATOR);
     return text;
 }
 
 static std::string framed(const std::string &body) {
-    uint32_t n = static_cast<uint32_t>(body.size());
-    return std::string{static_cast<char>(n >> 24), static_cast<char>(n >> 16),
-                       static_cast<char>(n >> 8), static_cast<char>(n)} +
-           body;
+    uint32_t n = htonl(static_cast<uint32_t>(body.size()));
+    return std::string(reinterpret_cast<const char *>(&n), 4) + body;
 }
 
 static std::string receive(test_inst &t) {

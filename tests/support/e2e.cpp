@@ -80,9 +80,10 @@ e2e_sandbox::e2e_sandbox(bool with_store) {
     }
 }
 
-void e2e_sandbox::start(const std::string &config) {
+void e2e_sandbox::start(const std::string &config, strings wrapper) {
     root.write_file("etc/config/tovrin.conf", config);
-    daemon.emplace(strings{TOVRIN_SANDBOX_BIN, root.path()}, root.file("daemon.out"));
+    wrapper.insert(wrapper.end(), {TOVRIN_SANDBOX_BIN, root.path()});
+    daemon.emplace(wrapper, root.file("daemon.out"));
 }
 
 strings e2e_sandbox::statuses(const std::string &conn) const {

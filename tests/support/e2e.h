@@ -40,8 +40,9 @@ class child_process {
 struct e2e_sandbox {
     // Starts stord on the root's socket, unless the test plays the store.
     explicit e2e_sandbox(bool with_store = true);
-    // Writes the configuration and starts the daemon on it.
-    void start(const std::string &config);
+    // Writes the configuration and starts the daemon on it, through the
+    // wrapper command when one is given.
+    void start(const std::string &config, strings wrapper = {});
     // The states published for conn, in order.
     strings statuses(const std::string &conn) const;
     bool wait_status(const std::string &conn, const std::string &state,

@@ -90,6 +90,12 @@ void temp_dir::write_file(const std::string &rel, const std::string &content) co
         throw std::runtime_error("cannot write " + file(rel));
 }
 
+std::string replaced(std::string text, const std::string &from, const std::string &to) {
+    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+        text.replace(at, from.size(), to);
+    return text;
+}
+
 std::string test_file(const std::string &rel) {
     std::ostringstream content;
     content << std::ifstream(std::string(TOVRIN_TEST_DIR "/") + rel, std::ios::binary).rdbuf();

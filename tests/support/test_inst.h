@@ -41,6 +41,9 @@ class temp_dir {
     std::string path_;
 };
 
+// text with every from replaced by to.
+std::string replaced(std::string text, const std::string &from, const std::string &to);
+
 // The content of a file of the suite (a golden file), by its path under tests/.
 std::string test_file(const std::string &rel);
 
