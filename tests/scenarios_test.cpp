@@ -3,8 +3,9 @@
 // "scenario NAME"; lines starting with '#' are comments.
 //
 //   | TEXT        a line of the configuration file ("| " is cut off, ROOT
-//                 stands for the root's path, " ; " starts a clause line);
-//                 the lines gathered are written before the next step
+//                 stands for the root's path, " ; " starts a clause line,
+//                 " ;; " a definition); the lines gathered are written
+//                 before the next step
 //   logs N        capture log records up to priority N (600 unless given)
 //
 // Steps, at the start of a line, each followed by the daemon running until
@@ -410,7 +411,8 @@ struct runner {
                 log = std::make_unique<log_capture>(std::atoi(text.c_str() + 5));
             } else if (text.starts_with("|")) {
                 std::string clause = text.substr(text.starts_with("| ") ? 2 : 1);
-                config += replaced(replaced(clause, "ROOT", t.root.path()), " ; ", "\n\t") + "\n";
+                clause = replaced(replaced(clause, "ROOT", t.root.path()), " ;; ", "\n");
+                config += replaced(clause, " ; ", "\n\t") + "\n";
             } else if (!text.empty() && text[0] != '#') {
                 bool loose = text.ends_with(" ...");
                 for (const std::string &one :
