@@ -15,7 +15,6 @@
 using outcome = strings;
 
 struct sweep_case {
-    const char *title;
     const char *config;  // loaded before the operation
     // Sets the stage, runs the operation (alone in the sweep), and reports
     // what it left behind.
@@ -30,48 +29,39 @@ static std::string count(const char *what, size_t n) {
 }
 
 const char long_value[] = "a value longer than any short string";
+const char long_names[] =
+    "conn a-conn-with-a-long-name\n\tparent a-parent-with-a-long-name\n"
+    "\tstart /bin/a-start-command-with-a-long-name\nconn a-parent-with-a-long-name\n";
 
 const sweep_case cases[] = {
-    {"publishing a status",
-     "conn a-conn-with-a-long-name\n\tlog othertransitions\n",
+    // Publishing a status: the prefix fails; the key fails, silently; the
+    // frame fails.
+    {"conn a-conn-with-a-long-name\n\tlog othertransitions\n",
      [](test_inst &) {},
      [](test_inst &t) { tovrin_publish_status(t.inst.conns.front()); },
      [](test_inst &t) { return outcome{count("frames", t.inst.store_out_queue.size())}; },
      {"a-conn-with-a-long-name is now down", "frames 1"},
-     // The prefix fails; the key fails, silently; the frame fails.
      {{"failed to allocate status message", "frames 0"},
       {"a-conn-with-a-long-name is now down", "frames 0"},
       {"could not allocate message", "a-conn-with-a-long-name is now down", "frames 0"}}},
-
-    {"loading commands and links",
-     "",
-     [](test_inst &t) {
-         t.write_config(
-             "conn a-conn-with-a-long-name\n\tparent a-parent-with-a-long-name\n"
-             "\tstart /bin/a-start-command-with-a-long-name\n"
-             "conn a-parent-with-a-long-name\n");
-     },
+    // Loading commands and links: a clause that cannot be stored is dropped
+    // and the load goes on.
+    {"",
+     [](test_inst &t) { t.write_config(long_names); },
      [](test_inst &t) { t.load(); },
      [](test_inst &t) {
          tovrin_conn *a = t.conn("a-conn-with-a-long-name");
-         if (a == nullptr)
-             return outcome{"not loaded"};
-         return outcome{count("actions", a->start_actions.size()),
-                        count("parents", a->parents.size())};
+         return a == nullptr ? outcome{"not loaded"}
+                             : outcome{count("actions", a->start_actions.size()),
+                                       count("parents", a->parents.size())};
      },
      {"actions 1", "parents 1"},
-     // A clause that cannot be stored is dropped and the load goes on.
      {{"Could not allocate action", "Couldn't create action", "actions 0", "parents 1"},
       {"Could not allocate link name", "Could not allocate parent", "actions 1", "parents 0"}}},
-
-    {"a store value reaching two variables",
-     "conn a\n\tstord_var v some.store.key\nconn b\n\tstord_var w some.store.key\n",
+    // A store value reaching two variables.
+    {"conn a\n\tstord_var v some.store.key\nconn b\n\tstord_var w some.store.key\n",
      [](test_inst &t) {
-         std::string body = std::string(
-                                "8\x1esome.store.key\x1e"
-                                "0\x1e"
-                                "0\x1e") +
-                            long_value;
+         std::string body = std::string("8\036some.store.key\0360\0360\036") + long_value;
          uint32_t n = htonl(static_cast<uint32_t>(body.size()));
          body.insert(0, reinterpret_cast<const char *>(&n), 4);
          ASSERT_EQ(write(t.store_end.get(), body.data(), body.size()), ssize_t(body.size()));
@@ -88,15 +78,15 @@ const sweep_case cases[] = {
      },
      {"values 2"},
      {{"error handling stord message", "values 1"}}},
-
-    {"a group started from the loop",
-     "orderedgroup g\n\tmember a-member-with-a-long-name\n\tfailovertimeout 0\n\tlog none\n"
+    // A group started from the loop: whatever no handler reports itself is
+    // caught where the event began.
+    {"orderedgroup g\n\tmember a-member-with-a-long-name\n\tfailovertimeout 0\n\tlog none\n"
      "conn a-member-with-a-long-name\n\tstart /bin/a-command with %v% args\n\tlog none\n",
      [](test_inst &t) {
          t.inst.spawn = [](const char *, char *const *, int *, int *) -> pid_t { return -1; };
      },
      [](test_inst &t) {
-         tovrin_conn_deliver_message(&t.inst, nullptr, t.inst.conns.front(), TOVRIN_MSG_START);
+         t.deliver("g", TOVRIN_MSG_START);
          t.dispatch();
      },
      [](test_inst &t) {
@@ -104,13 +94,12 @@ const sweep_case cases[] = {
      },
      {"could not run command /bin/a-command for conn a-member-with-a-long-name",
       "state starting members"},
-     // Whatever no handler reports itself is caught where the event began.
      {{"Could not allocate memory; event handling abandoned", "state starting members"}}},
 };
 
 TEST(AllocationSweep, EveryOperationSurvivesAnySingleFailure) {
     for (const sweep_case &c : cases) {
-        SCOPED_TRACE(c.title);
+        SCOPED_TRACE(c.config);
         std::set<outcome> seen;
         for (long k = 0;; k++) {
             ASSERT_LT(k, 100000);

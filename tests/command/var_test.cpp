@@ -4,13 +4,6 @@
 
 using maybe = std::optional<std::string>;
 
-TEST(VarIndex, IsTheUnsignedByteSumModuloFive) {
-    for (auto [name, sum] :
-         {std::pair{"", 0}, {"ab", 195}, {"ba", 195}, {"\x80", 128}, {"\xff\x01", 256}})
-        EXPECT_EQ(tovrin_var_index(name), sum % 5) << name;
-    EXPECT_EQ(tovrin_var_index(std::string(1000, '\xff')), (1000 * 255) % 5);
-}
-
 // Conns whose ancestries exercise every strategy, and some that loop.
 const char world[] =
     "conn gp\n\tvar x gp\n\tvar a:b colon\nconn p1\n\tparent gp\nconn p2\n\tvar x p2\n"
@@ -91,15 +84,16 @@ TEST(VarSearch, EachStrategyVisitsItsHolders) {
     }
 }
 
-// The debug lines name every look along the way, under the debug word of
-// the conn looked in; the fall-back under the word of the conn expanding.
+// A name's list is the sum of its unsigned bytes modulo five. The debug
+// lines name every look along the way, under the debug word of the conn
+// looked in; the fall-back under the word of the conn expanding.
 TEST(VarSearch, DebugLinesFollowTheVisits) {
-    test_inst t;
-    t.write_config(
+    for (auto [name, sum] : {std::pair{"\x80", 128}, {"\xff\x01", 256}, {"", 0}})
+        EXPECT_EQ(tovrin_var_index(name), sum % 5) << name;
+    log_capture log;
+    test_inst t(
         "conn a\n\tparent b\n\tparent c\n\tlog none\nconn b\n\tlog debug\n\tvar ab 1\n"
         "\tvar ba 2\nconn c\n\tlog none\n\tlog +debug\n");
-    log_capture log;
-    ASSERT_EQ(t.load(), 0);
     EXPECT_EQ(tovrin_var_expand(t.conn("a"), "foo:ab"), maybe("1"));
     t.conn("a")->log_mask = TOVRIN_LOG_DEBUG_WORD;
     EXPECT_EQ(tovrin_var_expand(t.conn("a"), "all:z"), std::nullopt);
@@ -117,7 +111,6 @@ TEST(VarSearch, DebugLinesFollowTheVisits) {
 // Long ancestries are walked without recursion; forty diamonds in a row
 // (2^40 paths) stop at the bound, said once, with what was collected.
 TEST(VarSearch, LongChainsAndDiamondLaddersEnd) {
-    test_inst t;
     std::string text;
     for (int i = 0; i < 10000; i++)
         text += "conn c" + std::to_string(i) + "\n\tparent c" + std::to_string(i + 1) + "\n";
@@ -128,8 +121,7 @@ TEST(VarSearch, LongChainsAndDiamondLaddersEnd) {
                 "\n\tparent j" + next + "\nconn r" + j + "\n\tparent j" + next + "\n";
     }
     text += "conn j40\n\tvar x t\n";
-    t.write_config(text);
-    ASSERT_EQ(t.load(), 0);
+    test_inst t(text);
     log_capture log;
     EXPECT_EQ(tovrin_var_expand(t.conn("c0"), "x"), maybe("end"));
     EXPECT_EQ(tovrin_var_expand(t.conn("c0"), "all:x"), maybe("end"));
@@ -142,10 +134,7 @@ TEST(VarSearch, LongChainsAndDiamondLaddersEnd) {
 
     // Closed into a cycle, the chain is its own ancestry: a start walks it
     // up to the conn it began with and waits there; a search meets the cycle.
-    test_inst u;
-    text.replace(text.find("var x end"), 9, "parent c0");
-    u.write_config(text);
-    ASSERT_EQ(u.load(), 0);
+    test_inst u(text.replace(text.find("var x end"), 9, "parent c0"));
     u.deliver("c5000", TOVRIN_MSG_START);
     ASSERT_TRUE(u.dispatch());
     EXPECT_EQ(u.conn("c0")->current_state, TOVRIN_STATE_WAITING_TO_START);

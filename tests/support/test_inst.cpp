@@ -78,11 +78,6 @@ temp_dir::~temp_dir() {
     fs::remove_all(path_, ec);
 }
 
-bool temp_dir::exists(const std::string &rel) const {
-    std::error_code ec;
-    return fs::exists(fs::symlink_status(file(rel), ec));
-}
-
 void temp_dir::write_file(const std::string &rel, const std::string &content) const {
     fs::create_directories(fs::path(file(rel)).parent_path());
     std::ofstream out(file(rel), std::ios::binary | std::ios::trunc);

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,7 +32,7 @@ class temp_dir {
 
     const std::string &path() const { return path_; }
     std::string file(const std::string &rel) const { return path_ + "/" + rel; }
-    bool exists(const std::string &rel) const;
+    bool exists(const std::string &rel) const { return std::filesystem::exists(file(rel)); }
     // Replaces rel, creating its parent directories; throws on failure.
     void write_file(const std::string &rel, const std::string &content) const;
     // The content of rel, "" when it is missing.
