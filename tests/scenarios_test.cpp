@@ -70,7 +70,7 @@ using lines = std::vector<std::string>;
 using numbered = std::vector<std::pair<int, std::string>>;  // line number, text
 
 struct scenario {
-    std::string file, name;
+    std::string file, name, test_name;
     numbered lines;
 };
 
@@ -394,8 +394,6 @@ struct runner {
                                             t.root.path(), "ROOT");
             std::filesystem::path golden =
                 std::filesystem::path(s.file).parent_path() / word_at(rest, 1);
-            if (getenv("TOVRIN_UPDATE_GOLDEN") != nullptr)
-                std::ofstream(golden) << produced;
             std::ifstream g(golden);
             if (produced != std::string(std::istreambuf_iterator<char>(g), {}))
                 fail(line, "differs from " + golden.string() + ":\n" + produced);
@@ -465,10 +463,16 @@ std::vector<scenario> scenarios() {
         std::ifstream in(file);
         std::string text;
         for (int line = 1; std::getline(in, text); line++) {
-            if (text.starts_with("scenario "))
-                out.push_back(scenario{file, text.substr(9), {}});
-            else if (!out.empty() && out.back().file == file)
+            if (text.starts_with("scenario ")) {
+                std::string name =
+                    std::filesystem::path(file).stem().string() + "_" + text.substr(9);
+                std::replace_if(
+                    name.begin(), name.end(), [](unsigned char c) { return !std::isalnum(c); },
+                    '_');
+                out.push_back(scenario{file, text.substr(9), name, {}});
+            } else if (!out.empty() && out.back().file == file) {
                 out.back().lines.emplace_back(line, text);
+            }
         }
     }
     return out;
@@ -485,13 +489,6 @@ TEST_P(Scenario, Runs) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, Scenario, ::testing::ValuesIn(scenarios()),
-                         [](const ::testing::TestParamInfo<scenario> &p) {
-                             std::string name =
-                                 std::filesystem::path(p.param.file).stem().string() + "_" +
-                                 p.param.name;
-                             for (char &c : name)
-                                 c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
-                             return name;
-                         });
+                         [](const auto &p) { return p.param.test_name; });
 
 }  // namespace
