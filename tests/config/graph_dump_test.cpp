@@ -40,27 +40,25 @@ TEST(GraphDump, SnapshotsAppearOnlyWhileTheMarkerExists) {
         strings names;
         for (const auto &entry : std::filesystem::directory_iterator(dir))
             names.push_back(entry.path().filename().string());
+        std::sort(names.begin(), names.end());
         return names;
     };
     std::filesystem::create_directories(dir);
     t.deliver("a", TOVRIN_MSG_START);
     ASSERT_TRUE(t.dispatch());
     EXPECT_TRUE(files().empty());
-
     t.root.write_file("var/mnt/storage.usb/please-dump-dots", "");
     tovrin_conn_deliver_message(&t.inst, t.conn("a"), t.conn("b"), TOVRIN_MSG_CHECK_STOP);
     strings names = files();
     ASSERT_EQ(names.size(), 2u);
-    std::sort(names.begin(), names.end());
-    time_t now = time(nullptr);
     char day[16];
-    strftime(day, sizeof day, "%Y%m%d", localtime(&now));
-    EXPECT_EQ(names[0].substr(0, 8), day);
+    time_t now = time(nullptr);
+    strftime(day, sizeof day, "%Y%m%d-", localtime(&now));
+    EXPECT_EQ(names[0].substr(0, 9), day);
     EXPECT_EQ(names[0].size(), std::string("20261124-101010.123456789.dot").size()) << names[0];
     std::string text = t.root.read_file("var/mnt/storage.usb/" + names[0]);
-    size_t body = text.find("\tlabel=");
-    ASSERT_EQ(text.compare(0, 9, "digraph \""), 0) << text;
-    EXPECT_EQ(text.substr(body), test_file("config/golden/snapshot.dot"));
+    ASSERT_TRUE(text.starts_with("digraph \"")) << text;
+    EXPECT_EQ(text.substr(text.find("\tlabel=")), test_file("config/golden/snapshot.dot"));
     ASSERT_TRUE(t.dispatch());
     EXPECT_GT(files().size(), 2u);
 }
