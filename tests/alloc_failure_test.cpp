@@ -123,7 +123,7 @@ TEST(AllocationSweep, EveryOperationSurvivesAnySingleFailure) {
                 break;
             }
             // What a failure adds to the log is a failure's report.
-            for (const log_record &r : log.records()) {
+            for (const log_record &r : log.records) {
                 bool normal = std::count(c.success.begin(), c.success.end(), r.message) != 0;
                 EXPECT_TRUE(normal || r.priority == TOVRIN_LOG_FATAL) << r;
             }

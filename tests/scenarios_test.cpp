@@ -213,19 +213,18 @@ struct runner {
                             TOVRIN_FRAME_SEPARATOR);
             pos += TOVRIN_FRAME_HEADER + length;
             const std::string type = f.empty() ? "" : f[0], key = f.size() > 1 ? f[1] : "";
+            bool now = key.ends_with(".failover-timestamp") && f.size() == 4 &&
+                       std::abs(std::atol(f[3].c_str()) - time(nullptr)) <= 5;
             if (type == "1" && f.size() == 4 && f[2] == "2" && key.starts_with("tovrin.") &&
-                key.ends_with(".status") && key.size() > 14) {
+                key.ends_with(".status") && key.size() > 14)
                 out->push_back("status " + key.substr(7, key.size() - 14) + " " + f[3]);
-            } else if (type == "1" && f.size() == 4) {
-                bool now = key.ends_with(".failover-timestamp") &&
-                           std::abs(std::atol(f[3].c_str()) - time(nullptr)) <= 5;
+            else if (type == "1" && f.size() == 4)
                 out->push_back(trimmed("set " + key + " " + f[2] + " " + (now ? "NOW" : f[3])));
-            } else if ((type == "2" || type == "3") && f.size() == 3) {
+            else if ((type == "2" || type == "3") && f.size() == 3)
                 out->push_back((type == "2" ? "sub " : "unsub ") + f[2]);
-            } else {
+            else
                 out->push_back((type == "9" && f.size() == 2 ? "del " : "frame ") +
                                join(lines(f.begin() + (type == "9"), f.end()), "|"));
-            }
         }
         store_bytes.erase(0, pos);
     }
@@ -273,16 +272,10 @@ struct runner {
             if (t.load() != 0)
                 fail(line, "the configuration does not load");
         } else if (verb == "cmd" || verb == "frame") {
-            std::string fields = verb == "frame" ? rest : "8|config.tovrin.command|0|0|" + rest;
-            std::string body;
-            for (size_t i = 0; i < fields.size(); i++) {
-                char c = fields[i] == '|' ? TOVRIN_FRAME_SEPARATOR : fields[i];
-                if (c == '\\' && i + 1 < fields.size()) {
-                    c = fields[++i];
-                    c = c == '0' ? '\0' : c == 'r' ? '\r' : c == 'n' ? '\n' : c;
-                }
-                body += c;
-            }
+            std::string body = verb == "frame" ? rest : "8|config.tovrin.command|0|0|" + rest;
+            std::replace(body.begin(), body.end(), '|', TOVRIN_FRAME_SEPARATOR);
+            for (auto [escape, byte] : {std::pair{"\\0", '\0'}, {"\\r", '\r'}, {"\\n", '\n'}})
+                body = replaced(body, escape, std::string(1, byte));
             uint32_t n = htonl(static_cast<uint32_t>(body.size()));
             body.insert(0, reinterpret_cast<const char *>(&n), sizeof n);
             if (write(t.store_end.get(), body.data(), body.size()) != ssize_t(body.size()))
@@ -434,8 +427,8 @@ struct runner {
                     }
                 }
                 store_events(&produced);
-                for (; log_seen < log->records().size(); log_seen++) {
-                    const log_record &r = log->records()[log_seen];
+                for (; log_seen < log->records.size(); log_seen++) {
+                    const log_record &r = log->records[log_seen];
                     produced.push_back(
                         trimmed(replaced("log " + std::to_string(r.priority) + " " + r.message,
                                          t.root.path(), "ROOT")));

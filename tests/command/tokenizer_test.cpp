@@ -78,7 +78,7 @@ TEST(Tokenizer, SplitsQuotesEscapesReferencesWithinTheLimits) {
         ASSERT_NE(args, nullptr);
         EXPECT_EQ(args->argv, c.tokens);
         EXPECT_EQ(args->argc, static_cast<int>(c.tokens.size()));
-        for (const log_record &r : log.records())
+        for (const log_record &r : log.records)
             EXPECT_EQ(r.priority, TOVRIN_LOG_FATAL);
         EXPECT_EQ(log.messages(), c.messages);
     }

@@ -100,7 +100,7 @@ TEST(Compare, EachEditIsFoundWithItsOwnMessage) {
             EXPECT_EQ(
                 tovrin_conn_compare(old, t.inst.new_conns.find(c.new_conn ? c.new_conn : c.conn)),
                 c.said == nullptr ? 1 : 0);
-            EXPECT_EQ(log.records(), said);
+            EXPECT_EQ(log.records, said);
         }
     }
 }

@@ -83,7 +83,7 @@ TEST(ConfigLoad, ReportsEveryErrorExactly) {
         t.write_config(c.text);
         log_capture log;
         int result = t.load();
-        std::vector<log_record> records = log.records();
+        std::vector<log_record> records = log.records;
         bool refused = !records.empty() && records.back().message == "Failed To Load Config";
         if (refused)
             records.pop_back();

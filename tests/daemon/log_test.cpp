@@ -14,9 +14,9 @@ TEST(Log, WritesUpToInfoAndKeepsErrno) {
         errno = EAGAIN;
         tovrin_log(TOVRIN_LOG_DEBUG, "debug");
         EXPECT_EQ(errno, EAGAIN);
-        EXPECT_EQ(log.records(), (std::vector<log_record>{{TOVRIN_LOG_FATAL, "fatal 1"},
-                                                          {TOVRIN_LOG_WARN, "warn two"},
-                                                          {TOVRIN_LOG_INFO, "info"}}));
+        EXPECT_EQ(log.records, (std::vector<log_record>{{TOVRIN_LOG_FATAL, "fatal 1"},
+                                                        {TOVRIN_LOG_WARN, "warn two"},
+                                                        {TOVRIN_LOG_INFO, "info"}}));
     }
     errno = EINTR;
     tovrin_log(TOVRIN_LOG_FATAL, "nowhere to go");

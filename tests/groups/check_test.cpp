@@ -54,7 +54,7 @@ TEST(GroupCheck, EdgesAndTheDebugLine) {
     EXPECT_EQ(check(t, "b", TOVRIN_GROUP_STOP_UP_COMMANDS), 0);
     EXPECT_EQ(check(t, "d", TOVRIN_GROUP_ENTER_UP), 1);
     EXPECT_EQ(check(t, "x", TOVRIN_GROUP_START), 1);
-    EXPECT_EQ(log.records(),
+    EXPECT_EQ(log.records,
               (std::vector<log_record>{
                   {TOVRIN_LOG_INFO, "tovrin_conn_check_orderedgroup_mutex(g, a, 5) = 0"},
                   {TOVRIN_LOG_INFO, "tovrin_conn_check_orderedgroup_mutex(g, b, 1) = 0"},

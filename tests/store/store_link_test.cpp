@@ -84,7 +84,7 @@ TEST(StoreLink, WritesEachRequestLiterallyOneAtATime) {
         ASSERT_EQ(received, expected.substr(0, received.size()));
     }
     EXPECT_EQ(received, expected);
-    EXPECT_TRUE(quiet.records().empty()) << "a full socket is a reason to wait, not an error";
+    EXPECT_TRUE(quiet.records.empty()) << "a full socket is a reason to wait, not an error";
 }
 
 // One read per readiness report: a length arriving byte by byte is
@@ -110,7 +110,7 @@ TEST(StoreLink, ReadsOnePieceAtATime) {
     read_once(t);
     read_once(t);
     EXPECT_EQ(value, "first");
-    EXPECT_TRUE(log.records().empty());
+    EXPECT_TRUE(log.records.empty());
     // An empty body carries nothing; the next frame is read as usual.
     read_once(t);
     EXPECT_EQ(log.messages(), strings{"error handling stord message"});

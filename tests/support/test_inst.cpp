@@ -53,13 +53,13 @@ bool allocation_failure_happened() {
 }
 
 log_capture::log_capture(int priority)
-    : setup_(tovrin_log_setup::open_custom(&capture_type, &records_)) {
-    setup_.set_priority(priority);
+    : setup(tovrin_log_setup::open_custom(&capture_type, &records)) {
+    setup.set_priority(priority);
 }
 
 strings log_capture::messages() const {
     strings out;
-    for (const log_record &record : records_)
+    for (const log_record &record : records)
         out.push_back(record.message);
     return out;
 }

@@ -60,16 +60,13 @@ inline std::ostream &operator<<(std::ostream &out, const log_record &record) {
 
 // Routes tovrin_log into memory for as long as it lives, so tests can assert
 // messages and priorities byte for byte.
-class log_capture {
-  public:
+struct log_capture {
     // Captures messages up to priority (info: what the daemon writes).
     explicit log_capture(int priority = TOVRIN_LOG_INFO);
-    const std::vector<log_record> &records() const { return records_; }
     strings messages() const;
 
-  private:
-    std::vector<log_record> records_;
-    tovrin_log_setup setup_;
+    std::vector<log_record> records;
+    tovrin_log_setup setup;
 };
 
 // The test binaries' allocation function fails once, on request, so tests
@@ -83,13 +80,10 @@ bool allocation_failure_happened();
 // store link on one end of a socket pair; the test plays the store on the
 // other end. Members go in this order so that the instance (and its event
 // base) outlives nothing it points at.
-class test_inst {
-  public:
+struct test_inst {
     test_inst();
     // ... with config loaded and in force; throws when it does not load.
     explicit test_inst(const std::string &config);
-    test_inst(const test_inst &) = delete;
-    test_inst &operator=(const test_inst &) = delete;
 
     void write_config(const std::string &text) const {
         root.write_file("etc/config/tovrin.conf", text);
