@@ -45,11 +45,9 @@ TEST(LogMask, ParsesAndDumpsWords) {
               (strings{"Unknown log mask -Debug for wan", "Unknown log mask +failover for wan",
                        "Uknown log mask bogus"}));
     // The dumps of whole configurations show the usual masks; here bits no
-    // word names, and the instance's words.
+    // word names.
     EXPECT_EQ(dump("default", 0x8003, conn),
               "#\t#defaultlog 32771\n#\tdefaultlog none\n#\tdefaultlog +uptransitions\n");
-    EXPECT_EQ(dump("instance", 0x10, inst),
-              "#\t#instancelog 16\n#\tinstancelog externalcommands\n");
     tovrin_log_mask_dump("", "", 0x35ca, conn, nullptr);
     for (uint64_t bit = 0x2; bit <= 0x2000; bit <<= 1) {
         std::istringstream lines(dump("", bit | 0x4 | 0x1000, conn));

@@ -18,8 +18,13 @@ static int check(test_inst &t, const std::string &member, int request) {
     return tovrin_conn_check_group(t.conn(member), request);
 }
 
+// Then the active member is the one named, not the first; an anygroup
+// allows all; a missing group allows, saying so; debuggeneral writes one line
+// per check.
 TEST(GroupCheck, OrderedGroupFollowsTheDecisionTableInEveryState) {
-    test_inst t("orderedgroup g\n\tmember a\n\tmember b\nconn a\nconn b\n");
+    test_inst t(
+        "orderedgroup g\n\tmember a\n\tmember b\nconn a\nconn b\nanygroup any\n\tmember d\n"
+        "conn d\nconn x\n");
     tovrin_conn *group = t.conn("g");
     for (int mutex = 0; mutex <= 1; mutex++) {
         group->mutex = mutex;
@@ -37,18 +42,10 @@ TEST(GroupCheck, OrderedGroupFollowsTheDecisionTableInEveryState) {
         // The first member became active at the first check and stayed so.
         EXPECT_EQ(group->active_conn_name, "a");
     }
-}
-
-// The active member is the one named, not the first; an anygroup allows
-// all; a missing group allows, saying so; debuggeneral writes one line per
-// check.
-TEST(GroupCheck, EdgesAndTheDebugLine) {
-    test_inst t(
-        "global\n\tinstancelog +debuggeneral\norderedgroup g\n\tmember a\n\tmember b\n\tmutex\n"
-        "conn a\nconn b\nanygroup any\n\tmember d\nconn d\nconn x\n");
-    t.conn("g")->active_conn_name = "b";
-    t.conn("g")->current_state = TOVRIN_STATE_UP;
+    group->active_conn_name = "b";
+    group->current_state = TOVRIN_STATE_UP;
     t.conn("x")->group_name = "missing";
+    t.inst.globals->instance_log_mask |= TOVRIN_INST_LOG_DEBUGGENERAL;
     log_capture log;
     EXPECT_EQ(check(t, "a", TOVRIN_GROUP_START), 0);
     EXPECT_EQ(check(t, "b", TOVRIN_GROUP_STOP_UP_COMMANDS), 0);
