@@ -52,7 +52,7 @@ TEST(Check, ReportsEveryProblemWithItsLine) {
 }
 
 // The exit status says what the daemon would do; the shipped example is
-// clean.
+// clean; a second file gets the plan of a reload, conn by conn.
 TEST(Check, ExitStatusSaysWhatTheDaemonWouldDo) {
     temp_dir dir;
     const std::string conf = dir.file("c.conf"), refused = ": Failed To Load Config";
@@ -61,19 +61,18 @@ TEST(Check, ExitStatusSaysWhatTheDaemonWouldDo) {
         int status;
         strings report;
     } cases[] = {
+        // clang-format off
         {"# nothing yet\n", TOVRIN_CHECK_CLEAN, {}},
         {"conn a\n\tstart /bin/true\nconn b\n\tparent a\n", TOVRIN_CHECK_CLEAN, {}},
-        {"conn a\n\n# why\n\tbogus 1\n",
-         TOVRIN_CHECK_REFUSED,
+        {"conn a\n\n# why\n\tbogus 1\n", TOVRIN_CHECK_REFUSED,
          {":4: Unknown clause: bogus in connection a", refused}},
-        {"\tstart x\n",
-         TOVRIN_CHECK_REFUSED,
+        {"\tstart x\n", TOVRIN_CHECK_REFUSED,
          {":1: New connection definitions must start without whitespace", refused}},
         // The second piece of an over-long line is a line of its own but
         // keeps the number of the line it came from.
-        {"conn a\n\tstart " + std::string(1100, 'x') + "\nconn\n",
-         TOVRIN_CHECK_REFUSED,
+        {"conn a\n\tstart " + std::string(1100, 'x') + "\nconn\n", TOVRIN_CHECK_REFUSED,
          {":2: Unknown clause: " + std::string(1100 - 1016, 'x'), refused}},
+        // clang-format on
     };
     for (const auto &c : cases) {
         dir.write_file("c.conf", c.config);
@@ -92,10 +91,8 @@ TEST(Check, ExitStatusSaysWhatTheDaemonWouldDo) {
     EXPECT_EQ(example.status, TOVRIN_CHECK_CLEAN);
     EXPECT_NE(example.out.find("digraph G {\n\tcompound=true;\n"), std::string::npos);
     EXPECT_EQ(example.out.find("fillcolor=\"#"), std::string::npos);
-}
 
-TEST(Check, PlansAReloadConnByConn) {
-    temp_dir dir;
+    // With a second file, the plan of a reload, conn by conn.
     dir.write_file("old.conf",
                    "conn same\n\tstart /bin/true\nconn slower\n\ttestperiod 10\nconn gone\n"
                    "conn quiet\n\tcommandtimeout 5\n");
