@@ -2,7 +2,7 @@
 
 #include <signal.h>
 
-#include "support/e2e.h"
+#include "support/test_inst.h"
 
 const strings walk_up = {"down",    "waiting to start", "starting", "starting up commands",
                          "testing", "tested",           "up"};

@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "stord/client.h"
-#include "support/e2e.h"
+#include "support/test_inst.h"
 
 // Chains of ten; the second configuration changes every third chain's
 // test period and drops the last conn.

@@ -5,7 +5,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "support/e2e.h"
+#include "support/test_inst.h"
 
 // A store that accepts the daemon, checks its first request (the
 // subscription), and then does what the test says.

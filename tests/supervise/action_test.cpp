@@ -1,6 +1,6 @@
 #include "supervise/action.h"
 
-#include "support/e2e.h"
+#include "support/test_inst.h"
 
 TEST(Action, CommandLineKeepsTheArgumentsThatFit) {
     const std::string a400(400, 'a'), b400(400, 'b'), x1022(1022, 'x');
