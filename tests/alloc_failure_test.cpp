@@ -4,11 +4,10 @@
 // sanitizer build checks that). Each case also names outcomes that some
 // failure must produce, so a failure path that is never taken shows.
 
-#include <arpa/inet.h>
-
 #include <functional>
 #include <set>
 
+#include "stord/frame.h"
 #include "store/status.h"
 #include "support/test_inst.h"
 
@@ -61,9 +60,8 @@ const sweep_case cases[] = {
     // A store value reaching two variables.
     {"conn a\n\tstord_var v some.store.key\nconn b\n\tstord_var w some.store.key\n",
      [](test_inst &t) {
-         std::string body = std::string("8\036some.store.key\0360\0360\036") + long_value;
-         uint32_t n = htonl(static_cast<uint32_t>(body.size()));
-         body.insert(0, reinterpret_cast<const char *>(&n), 4);
+         std::string body =
+             stord_frame_encode(std::string("8\036some.store.key\0360\0360\036") + long_value);
          ASSERT_EQ(write(t.store_end.get(), body.data(), body.size()), ssize_t(body.size()));
      },
      [](test_inst &t) {

@@ -46,7 +46,6 @@
 // failover timestamp reads NOW when it is the current time; the root's path
 // reads ROOT. Children never run: spawns are recorded, exits come from steps.
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/time.h>
@@ -60,6 +59,7 @@
 #include "config/reload.h"
 #include "config/state_dump.h"
 #include "daemon/daemon.h"
+#include "stord/frame.h"
 #include "store/frame.h"
 #include "supervise/child_exit.h"
 #include "support/test_inst.h"
@@ -127,7 +127,8 @@ struct runner {
     std::vector<fake_child> children;
     std::set<std::string> failing, missing;
     lines proc;
-    std::string store_bytes, config;
+    stord_frame_reader store;
+    std::string config;
 
     void fail(int line, const std::string &what) {
         ADD_FAILURE_AT(s.file.c_str(), line) << s.name << ": " << what;
@@ -186,7 +187,7 @@ struct runner {
         auto drain = [this] {
             char buf[65536];
             for (ssize_t n; (n = read(t.store_end.get(), buf, sizeof buf)) > 0;)
-                store_bytes.append(buf, static_cast<size_t>(n));
+                store.feed(std::string_view(buf, static_cast<size_t>(n)));
         };
         for (int turn = 0; turn < 10000; turn++) {
             drain();
@@ -203,15 +204,8 @@ struct runner {
 
     // The store requests read so far, as expectation lines.
     void store_events(lines *out) {
-        size_t pos = 0;
-        while (store_bytes.size() - pos >= TOVRIN_FRAME_HEADER) {
-            uint32_t length = tovrin_frame_length(
-                reinterpret_cast<const unsigned char *>(store_bytes.data() + pos));
-            if (store_bytes.size() - pos - TOVRIN_FRAME_HEADER < length)
-                break;
-            lines f = split(store_bytes.substr(pos + TOVRIN_FRAME_HEADER, length),
-                            TOVRIN_FRAME_SEPARATOR);
-            pos += TOVRIN_FRAME_HEADER + length;
+        for (std::string body; store.next(body) == stord_frame_reader::result::frame;) {
+            lines f = split(body, TOVRIN_FRAME_SEPARATOR);
             const std::string type = f.empty() ? "" : f[0], key = f.size() > 1 ? f[1] : "";
             bool now = key.ends_with(".failover-timestamp") && f.size() == 4 &&
                        std::abs(std::atol(f[3].c_str()) - time(nullptr)) <= 5;
@@ -226,7 +220,6 @@ struct runner {
                 out->push_back((type == "9" && f.size() == 2 ? "del " : "frame ") +
                                join(lines(f.begin() + (type == "9"), f.end()), "|"));
         }
-        store_bytes.erase(0, pos);
     }
 
     event_slot *timer(int line, const std::string &name) {
@@ -276,8 +269,7 @@ struct runner {
             std::replace(body.begin(), body.end(), '|', TOVRIN_FRAME_SEPARATOR);
             for (auto [escape, byte] : {std::pair{"\\0", '\0'}, {"\\r", '\r'}, {"\\n", '\n'}})
                 body = replaced(body, escape, std::string(1, byte));
-            uint32_t n = htonl(static_cast<uint32_t>(body.size()));
-            body.insert(0, reinterpret_cast<const char *>(&n), sizeof n);
+            body = stord_frame_encode(body);
             if (write(t.store_end.get(), body.data(), body.size()) != ssize_t(body.size()))
                 return fail(line, "could not write to the store link");
         } else if (verb == "msg" || verb == "queue") {

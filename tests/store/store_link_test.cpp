@@ -1,10 +1,10 @@
 #include "store/store_link.h"
 
-#include <arpa/inet.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 
+#include "stord/frame.h"
 #include "store/frame.h"
 #include "support/test_inst.h"
 
@@ -12,11 +12,6 @@
 static std::string rs(std::string text) {
     std::replace(text.begin(), text.end(), '|', TOVRIN_FRAME_SEPARATOR);
     return text;
-}
-
-static std::string framed(const std::string &body) {
-    uint32_t n = htonl(static_cast<uint32_t>(body.size()));
-    return std::string(reinterpret_cast<const char *>(&n), 4) + body;
 }
 
 static std::string receive(test_inst &t) {
@@ -52,7 +47,7 @@ TEST(StoreLink, WritesEachRequestLiterallyOneAtATime) {
     strings said = {"unknown message type"};
     for (const std::string &body : bodies) {
         write_once(t);
-        EXPECT_EQ(receive(t), framed(rs(body)));
+        EXPECT_EQ(receive(t), stord_frame_encode(rs(body)));
         said.push_back(rs("Writing to stord with msg len of " + std::to_string(body.size() + 4) +
                           ", tx_len of 0 msg of " + body));
     }
@@ -68,7 +63,8 @@ TEST(StoreLink, WritesEachRequestLiterallyOneAtATime) {
     std::string big(300000, 'v');
     tovrin_store_send(&t.inst, TOVRIN_STORE_SET, "big", 1, big.c_str());
     tovrin_store_send(&t.inst, TOVRIN_STORE_SET, "next", 1, "x");
-    const std::string expected = framed(rs("1|big|1|") + big) + framed(rs("1|next|1|x"));
+    const std::string expected =
+        stord_frame_encode(rs("1|big|1|") + big) + stord_frame_encode(rs("1|next|1|x"));
     std::string received;
     for (int writes = 0; !t.inst.store_out_queue.empty() && writes < 10000; writes++) {
         write_once(t);
@@ -85,7 +81,7 @@ TEST(StoreLink, ReadsOnePieceAtATime) {
     test_inst t;
     t.inst.store_vars.push_front(tovrin_var_sub{"k", std::nullopt});
     const std::optional<std::string> &value = t.inst.store_vars.front().current_val;
-    std::string frame = framed(rs("8|k|1|2|hello"));
+    std::string frame = stord_frame_encode(rs("8|k|1|2|hello"));
     log_capture log;
     read_once(t);
     for (int i = 0; i < 4; i++) {
@@ -94,8 +90,8 @@ TEST(StoreLink, ReadsOnePieceAtATime) {
         EXPECT_EQ(t.inst.store_rx_state, i < 3 ? 1 : 2);
     }
     read_once(t);
-    std::string rest =
-        frame.substr(4) + framed(rs("8|k|1|2|first")) + framed("") + framed(rs("8|k|1|2|second"));
+    std::string rest = frame.substr(4) + stord_frame_encode(rs("8|k|1|2|first")) +
+                       stord_frame_encode("") + stord_frame_encode(rs("8|k|1|2|second"));
     ASSERT_EQ(write(t.store_end.get(), rest.data(), rest.size()), ssize_t(rest.size()));
     read_once(t);
     EXPECT_EQ(value, "hello");

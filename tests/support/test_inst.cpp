@@ -98,15 +98,9 @@ std::string replaced(std::string text, const std::string &from, const std::strin
     return text;
 }
 
-std::string test_file(const std::string &rel) {
+std::string read_file(const std::string &path) {
     std::ostringstream content;
-    content << std::ifstream(std::string(TOVRIN_TEST_DIR "/") + rel, std::ios::binary).rdbuf();
-    return content.str();
-}
-
-std::string temp_dir::read_file(const std::string &rel) const {
-    std::ostringstream content;
-    content << std::ifstream(file(rel), std::ios::binary).rdbuf();
+    content << std::ifstream(path, std::ios::binary).rdbuf();
     return content.str();
 }
 

@@ -24,6 +24,9 @@
 
 using strings = std::vector<std::string>;
 
+// The content of the file at path, "" when it is missing.
+std::string read_file(const std::string &path);
+
 // A private directory under $TMPDIR (or /tmp), removed with everything in it
 // when the object goes.
 class temp_dir {
@@ -39,7 +42,7 @@ class temp_dir {
     // Replaces rel, creating its parent directories; throws on failure.
     void write_file(const std::string &rel, const std::string &content) const;
     // The content of rel, "" when it is missing.
-    std::string read_file(const std::string &rel) const;
+    std::string read_file(const std::string &rel) const { return ::read_file(file(rel)); }
 
   private:
     std::string path_;
@@ -49,7 +52,9 @@ class temp_dir {
 std::string replaced(std::string text, const std::string &from, const std::string &to);
 
 // The content of a file of the suite (a golden file), by its path under tests/.
-std::string test_file(const std::string &rel);
+inline std::string test_file(const std::string &rel) {
+    return read_file(TOVRIN_TEST_DIR "/" + rel);
+}
 
 struct log_record {
     int priority;
