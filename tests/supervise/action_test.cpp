@@ -2,21 +2,6 @@
 
 #include "support/test_inst.h"
 
-TEST(Action, CommandLineKeepsTheArgumentsThatFit) {
-    const std::string a400(400, 'a'), b400(400, 'b'), x1022(1022, 'x');
-    const std::pair<strings, std::string> cases[] = {
-        {{}, ""},
-        {{"sh", "-c", "exit 3"}, " sh -c exit 3"},
-        {{"x", "", "y"}, " x  y"},
-        {{x1022}, " " + x1022},
-        {{x1022 + "x"}, ""},
-        {{"cmd", a400, b400, a400}, " cmd " + a400 + " " + b400},
-        {{std::string(1000, 'x'), std::string(100, 'y'), "z"}, " " + std::string(1000, 'x')},
-    };
-    for (const auto &[argv, line] : cases)
-        EXPECT_EQ(tovrin_action_command_line(argv), line);
-}
-
 static void tick_cb(evutil_socket_t, short, void *) {}
 
 // Real children: output is drained as it comes (kept up to each read's
