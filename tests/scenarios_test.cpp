@@ -102,13 +102,6 @@ lines split(const std::string &text, char separator) {
     return out;
 }
 
-std::string join(const lines &words, const char *separator) {
-    std::string out;
-    for (const std::string &w : words)
-        out += (&w == &words.front() ? "" : separator) + w;
-    return out;
-}
-
 // A child the fake spawner made. Nothing runs: the write end of its pipe
 // stays open until a step ends it.
 struct fake_child {
@@ -352,24 +345,21 @@ struct runner {
                 if (actual != state)
                     fail(line, item + ": the conn is " + actual);
             }
-        } else if (what == "idle") {
-            for (const std::string &name : split(rest, ',')) {
-                event_slot *slot = timer(line, name);
-                if (slot != nullptr && slot->pending())
-                    fail(line, "timer " + name + " is pending");
+        } else if (what == "idle" || what == "timer") {
+            for (const std::string &item : split(rest, ',')) {
+                event_slot *slot = timer(line, word_at(item, 0));
+                timeval when{}, now{};
+                bool pending = slot != nullptr && slot->pending() &&
+                               event_pending(slot->raw(), EV_TIMEOUT, &when) != 0;
+                if (pending != (what == "timer"))
+                    fail(line, "timer " + item + (pending ? " is pending" : " is not pending"));
+                gettimeofday(&now, nullptr);
+                double left = static_cast<double>(when.tv_sec - now.tv_sec) +
+                              static_cast<double>(when.tv_usec - now.tv_usec) / 1e6;
+                double want = std::atof(word_at(item, 1).c_str());
+                if (pending && what == "timer" && (left > want + 0.01 || left < want - 1))
+                    fail(line, "timer " + item + ": " + std::to_string(left) + " s left");
             }
-        } else if (what == "timer") {
-            event_slot *slot = timer(line, word_at(rest, 0));
-            timeval when{}, now{};
-            if (slot == nullptr || !slot->pending() ||
-                event_pending(slot->raw(), EV_TIMEOUT, &when) == 0)
-                return fail(line, "timer " + rest + " is not pending");
-            gettimeofday(&now, nullptr);
-            double left = static_cast<double>(when.tv_sec - now.tv_sec) +
-                          static_cast<double>(when.tv_usec - now.tv_usec) / 1e6;
-            double want = std::atof(word_at(rest, 1).c_str());
-            if (left > want + 0.01 || left < want - 1)
-                fail(line, "timer " + rest + ": " + std::to_string(left) + " s left");
         } else if (what == "same") {
             std::ifstream in(t.root.file(word_at(rest, 0)));
             std::string skip;

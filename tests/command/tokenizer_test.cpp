@@ -1,8 +1,5 @@
 #include "command/tokenizer.h"
 
-#include <iterator>
-#include <sstream>
-
 #include "support/test_inst.h"
 
 const char in_container[] = "str2argv - parse error, still in container";
@@ -19,17 +16,12 @@ struct split_case {
     strings messages = {};  // all at priority 0, in order
 };
 
-// Words w0 to w<n - 1>, as a command and as tokens.
-static std::string words(int n) {
-    std::string out;
+// Words w0 to w<n - 1>, as tokens.
+static strings words(int n) {
+    strings out;
     for (int i = 0; i < n; i++)
-        out += "w" + std::to_string(i) + " ";
+        out.push_back("w" + std::to_string(i));
     return out;
-}
-
-static strings word_list(int n) {
-    std::istringstream in(words(n));
-    return strings(std::istream_iterator<std::string>(in), {});
 }
 
 TEST(Tokenizer, SplitsQuotesEscapesReferencesWithinTheLimits) {
@@ -67,8 +59,8 @@ TEST(Tokenizer, SplitsQuotesEscapesReferencesWithinTheLimits) {
         {"%" + name99 + "%", {"found"}},
         {"a%" + name99 + "xy%b", {"afoundb"}, {max_name, max_name}},
         // 254 tokens at most: every later attempt to store one says so.
-        {words(254), word_list(254)},
-        {words(256) + "x", word_list(254), {max_argv, max_argv, max_argv}},
+        {join(words(254)), words(254)},
+        {join(words(256)) + " x", words(254), {max_argv, max_argv, max_argv}},
     };
     // clang-format on
     for (const split_case &c : cases) {

@@ -48,6 +48,14 @@ class temp_dir {
     std::string path_;
 };
 
+// The words with separator between them.
+inline std::string join(const strings &words, const char *separator = " ") {
+    std::string out;
+    for (const std::string &w : words)
+        out += (&w == &words.front() ? "" : separator) + w;
+    return out;
+}
+
 // text with every from replaced by to.
 std::string replaced(std::string text, const std::string &from, const std::string &to);
 
