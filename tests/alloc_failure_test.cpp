@@ -23,10 +23,6 @@ struct sweep_case {
     std::vector<outcome> must_see;  // outcomes some failure must give
 };
 
-static std::string count(const char *what, size_t n) {
-    return std::string(what) + " " + std::to_string(n);
-}
-
 const char long_value[] = "a value longer than any short string";
 const char long_names[] =
     "conn a-conn-with-a-long-name\n\tparent a-parent-with-a-long-name\n"
@@ -38,7 +34,9 @@ const sweep_case cases[] = {
     {"conn a-conn-with-a-long-name\n\tlog othertransitions\n",
      [](test_inst &) {},
      [](test_inst &t) { tovrin_publish_status(t.inst.conns.front()); },
-     [](test_inst &t) { return outcome{count("frames", t.inst.store_out_queue.size())}; },
+     [](test_inst &t) {
+         return outcome{"frames " + std::to_string(t.inst.store_out_queue.size())};
+     },
      {"a-conn-with-a-long-name is now down", "frames 1"},
      {{"failed to allocate status message", "frames 0"},
       {"a-conn-with-a-long-name is now down", "frames 0"},
@@ -51,8 +49,8 @@ const sweep_case cases[] = {
      [](test_inst &t) {
          tovrin_conn *a = t.conn("a-conn-with-a-long-name");
          return a == nullptr ? outcome{"not loaded"}
-                             : outcome{count("actions", a->start_actions.size()),
-                                       count("parents", a->parents.size())};
+                             : outcome{"actions " + std::to_string(a->start_actions.size()),
+                                       "parents " + std::to_string(a->parents.size())};
      },
      {"actions 1", "parents 1"},
      {{"Could not allocate action", "Couldn't create action", "actions 0", "parents 1"},
@@ -72,7 +70,7 @@ const sweep_case cases[] = {
          size_t with_value = 0;
          for (const tovrin_var_sub &sub : t.inst.store_vars)
              with_value += sub.current_val == long_value ? 1 : 0;
-         return outcome{count("values", with_value)};
+         return outcome{"values " + std::to_string(with_value)};
      },
      {"values 2"},
      {{"error handling stord message", "values 1"}}},

@@ -1,10 +1,10 @@
 // Runs every scenario file (*.scn) of the suite: each scenario is one test,
 // named after its file and its title. A file holds scenarios, each opened by
-// "scenario NAME"; lines starting with '#' are comments.
+// "scenario NAME"; strings starting with '#' are comments.
 //
 //   | TEXT        a line of the configuration file ("| " is cut off, ROOT
 //                 stands for the root's path, " ; " starts a clause line,
-//                 " ;; " a definition); the lines gathered are written
+//                 " ;; " a definition); the strings gathered are written
 //                 before the next step
 //   logs N        capture log records up to priority N (600 unless given)
 //
@@ -30,7 +30,7 @@
 // (then in order among others):
 //
 //   status CONN STATE | set KEY FLAG VALUE | sub KEY | unsub KEY | del KEY
-//   status CONN: STATE, STATE...    several status lines of one conn
+//   status CONN: STATE, STATE...    several status strings of one conn
 //   log PRIORITY MESSAGE
 //   run CONN ARGV...  |  kill CONN PROG SIGNAL  |  sleep SECONDS
 //                     (an empty argument shows as '', control bytes as \xNN)
@@ -66,7 +66,6 @@
 
 namespace {
 
-using lines = std::vector<std::string>;
 using numbered = std::vector<std::pair<int, std::string>>;  // line number, text
 
 struct scenario {
@@ -87,15 +86,13 @@ std::string word_at(const std::string &text, size_t index, std::string *rest = n
 }
 
 std::string trimmed(const std::string &text) {
-    size_t first = text.find_first_not_of(" \t");
-    return first == std::string::npos
-               ? ""
-               : text.substr(first, text.find_last_not_of(" \t") - first + 1);
+    size_t first = text.find_first_not_of(" \t"), last = text.find_last_not_of(" \t");
+    return first == std::string::npos ? "" : text.substr(first, last - first + 1);
 }
 
 // The trimmed pieces of text between separators.
-lines split(const std::string &text, char separator) {
-    lines out;
+strings split(const std::string &text, char separator) {
+    strings out;
     std::istringstream in(text);
     for (std::string item; std::getline(in, item, separator);)
         out.push_back(trimmed(item));
@@ -119,7 +116,7 @@ struct runner {
     timespec clock{1000, 0};
     std::vector<fake_child> children;
     std::set<std::string> failing, missing;
-    lines proc;
+    strings proc;
     stord_frame_reader store;
     std::string config;
 
@@ -196,9 +193,9 @@ struct runner {
     }
 
     // The store requests read so far, as expectation lines.
-    void store_events(lines *out) {
+    void store_events(strings *out) {
         for (std::string body; store.next(body) == stord_frame_reader::result::frame;) {
-            lines f = split(body, TOVRIN_FRAME_SEPARATOR);
+            strings f = split(body, TOVRIN_FRAME_SEPARATOR);
             const std::string type = f.empty() ? "" : f[0], key = f.size() > 1 ? f[1] : "";
             bool now = key.ends_with(".failover-timestamp") && f.size() == 4 &&
                        std::abs(std::atol(f[3].c_str()) - time(nullptr)) <= 5;
@@ -211,7 +208,7 @@ struct runner {
                 out->push_back((type == "2" ? "sub " : "unsub ") + f[2]);
             else
                 out->push_back((type == "9" && f.size() == 2 ? "del " : "frame ") +
-                               join(lines(f.begin() + (type == "9"), f.end()), "|"));
+                               join(strings(f.begin() + (type == "9"), f.end()), "|"));
         }
     }
 
@@ -314,13 +311,13 @@ struct runner {
 
     // Per channel (store, log, processes), produced must equal expected, or
     // hold it in order when loose.
-    void match(int line, bool loose, const lines &expected, const lines &produced) {
+    void match(int line, bool loose, const strings &expected, const strings &produced) {
         auto channel = [](const std::string &e) {
             std::string w = word_at(e, 0);
             return w == "log" ? 1 : w == "run" || w == "kill" || w == "sleep" ? 2 : 0;
         };
         for (int c = 0; c < 3; c++) {
-            lines want, got;
+            strings want, got;
             std::copy_if(expected.begin(), expected.end(), std::back_inserter(want),
                          [&](const std::string &e) { return channel(e) == c; });
             std::copy_if(produced.begin(), produced.end(), std::back_inserter(got),
@@ -391,7 +388,7 @@ struct runner {
                 for (const std::string &one :
                      split(text.substr(0, text.size() - (loose ? 4 : 0)), ';'))
                     step(line, one);
-                lines expected, produced;
+                strings expected, produced;
                 numbered checks;
                 for (; i < s.lines.size() && std::string("\t #").find(s.lines[i].second[0]) < 3;
                      i++) {
@@ -427,7 +424,7 @@ struct runner {
 
 // Every scenario of every *.scn file under the test directory.
 std::vector<scenario> scenarios() {
-    lines files;
+    strings files;
     for (const auto &entry : std::filesystem::recursive_directory_iterator(TOVRIN_TEST_DIR)) {
         if (entry.path().extension() == ".scn")
             files.push_back(entry.path().string());

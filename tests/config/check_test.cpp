@@ -63,7 +63,6 @@ TEST(Check, ExitStatusSaysWhatTheDaemonWouldDo) {
     } cases[] = {
         // clang-format off
         {"# nothing yet\n", TOVRIN_CHECK_CLEAN, {}},
-        {"conn a\n\tstart /bin/true\nconn b\n\tparent a\n", TOVRIN_CHECK_CLEAN, {}},
         {"conn a\n\n# why\n\tbogus 1\n", TOVRIN_CHECK_REFUSED,
          {":4: Unknown clause: bogus in connection a", refused}},
         {"\tstart x\n", TOVRIN_CHECK_REFUSED,

@@ -4,33 +4,6 @@
 
 #include "support/test_inst.h"
 
-// What tovrin_graph_node writes for conn.
-static std::string node_text(const tovrin_conn *conn) {
-    char *text = nullptr;
-    size_t size = 0;
-    FILE *stream = open_memstream(&text, &size);
-    tovrin_graph_node(conn, stream, 0);
-    fclose(stream);
-    std::unique_ptr<char, free_deleter> owned(text);
-    return std::string(text, size);
-}
-
-TEST(GraphDump, NodeColourFollowsTheStateAndRMarksARestart) {
-    test_inst t("conn c\n");
-    tovrin_conn *c = t.conn("c");
-    const char *colours[] = {"\"grey\"",    "\"#DDDDFF\"", "\"#44A4FF\"", "\"#3050FF\"",
-                             "\"#DCFFCC\"", "\"#33FF55\"", "\"#119911\"", "\"#FFBBBB\"",
-                             "\"#F08600\"", "\"#FF2222\"", "\"#7F40FF\"", "\"#FF407F\"",
-                             "yellow",      "yellow"};
-    for (int state = 0; state < 14; state++) {
-        c->current_state = state == 13 ? -1 : state;
-        c->restart_after_stopping = state % 2;
-        EXPECT_EQ(node_text(c), std::string("\t\"c\" [style=filled,fillcolor=") + colours[state] +
-                                    ", label=\"\\N\\n" + (state % 2 ? "R" : "") + "\"];\n")
-            << state;
-    }
-}
-
 // While the marker exists every queued and dispatched message and every
 // status change leaves a file named after the moment; never otherwise.
 TEST(GraphDump, SnapshotsAppearOnlyWhileTheMarkerExists) {

@@ -43,12 +43,11 @@ TEST(Daemon, SupervisesRealCommandsUntilItsStoreGoes) {
     ASSERT_NE(ignored, std::string::npos) << env;
     EXPECT_EQ(std::stoull(env.substr(ignored + 8, 16), nullptr, 16) & 0x7fffffffu, 0u) << env;
 
+    // A failing test restarts its conn, and its children with it.
     unlink(s.root.file("base.on").c_str());
     ASSERT_TRUE(wait_until([&] { return s.statuses("base").size() > 7; }));
     ASSERT_TRUE(s.wait_status("app", "up")) << s.log();
     EXPECT_EQ(s.statuses("app")[7], "waiting to stop");
-    EXPECT_EQ(s.statuses("base")[7], "waiting to stop");
-
     size_t base_seen = s.statuses("base").size(), app_seen = s.statuses("app").size();
     s.set("config.tovrin.command", "app,cli,restart");
     ASSERT_TRUE(s.wait_log("external restart command received for app"));
