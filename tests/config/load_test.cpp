@@ -8,6 +8,11 @@ struct load_case {
 
 const std::string long_line(1017, 'a');
 
+// A clause of conn a refused "in connection a".
+static load_case in_a(const std::string &clause, const std::string &message) {
+    return {"conn a\n\t" + clause + "\n", {message + " in connection a"}};
+}
+
 // Every refusal of the parser, and what it lets through, numbers read as the
 // language says. The last word of a failed load is always the same, and
 // nothing of the file is left pending.
@@ -28,7 +33,7 @@ TEST(ConfigLoad, ReportsEveryErrorExactly) {
         {"global\n\tdefaultlog\n", {"Default log specified without an argument"}},
         {"global\n\tinstancelog Debug\n", {"Unknown log mask Debug for instance logging"}},
         {"global\n\tdefaultlog +bogus\n", {"Unknown log mask +bogus for default conn logging"}},
-        {"conn a\n\tStart x\n", {"Unknown clause: Start in connection a"}},
+        in_a("Start x", "Unknown clause: Start"),
         {"conn a\n\tmember\n", {"Connection a is not a group and cannot have members"}},
         {"conn a\n\tmutex\n", {"Connection a is not a group and cannot have a mutex property"}},
         {"conn a\n\tfailovertimeout 5\n",
@@ -40,25 +45,20 @@ TEST(ConfigLoad, ReportsEveryErrorExactly) {
          {"Failover timeout specified without a value in connection g"}},
         {"orderedgroup g\n\tfailforwardperiod\n",
          {"Failforward period specified without a value in connection g"}},
-        {"conn a\n\tparent\n", {"Parent specified without a name in connection a"}},
-        {"conn a\n\tchild\n", {"Child specified without a name in connection a"}},
-        {"conn a\n\tlog\n", {"Log specified without an argument in connection a"}},
-        {"conn a\n\ttestdelay\n", {"Test delay specified without a name in connection a"}},
-        {"conn a\n\ttestperiod\n", {"Test period specified without a name in connection a"}},
-        {"conn a\n\ttesttimeout\n", {"Test timeout specified without a name in connection a"}},
-        {"conn a\n\ttestthreshold\n", {"Test threshold specified without a name in connection a"}},
-        {"conn a\n\tcommandtimeout\n",
-         {"Command timeout specified without a name in connection a"}},
-        {"conn a\n\tmaxrestarts\n",
-         {"Max restarts specified without a variable value in connection a"}},
-        {"conn a\n\trestartdelayfactor\n",
-         {"Restart delay factor specified without a variable value in connection a"}},
-        {"conn a\n\tvar\n", {"Command var specified without a variable name in connection a"}},
-        {"conn a\n\tvar x\n", {"Command var specified without a variable value in connection a"}},
-        {"conn a\n\tstord_var\n",
-         {"Command stord_var specified without a variable name in connection a"}},
-        {"conn a\n\tstord_var x\n",
-         {"Command stord_var specified without a variable value in connection a"}},
+        in_a("parent", "Parent specified without a name"),
+        in_a("child", "Child specified without a name"),
+        in_a("log", "Log specified without an argument"),
+        in_a("testdelay", "Test delay specified without a name"),
+        in_a("testperiod", "Test period specified without a name"),
+        in_a("testtimeout", "Test timeout specified without a name"),
+        in_a("testthreshold", "Test threshold specified without a name"),
+        in_a("commandtimeout", "Command timeout specified without a name"),
+        in_a("maxrestarts", "Max restarts specified without a variable value"),
+        in_a("restartdelayfactor", "Restart delay factor specified without a variable value"),
+        in_a("var", "Command var specified without a variable name"),
+        in_a("var x", "Command var specified without a variable value"),
+        in_a("stord_var", "Command stord_var specified without a variable name"),
+        in_a("stord_var x", "Command stord_var specified without a variable value"),
         {"conn a\n\tstart /bin/a\nconn b\n\tparent a\nconn c\n\tlog -Debug\n",
          {"Unknown log mask -Debug for c"}},
         // A line longer than 1023 bytes goes on as a line of its own.
