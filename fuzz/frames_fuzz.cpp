@@ -4,8 +4,6 @@
 // announced lengths are an allocation, not a parse: the tests cover them.)
 
 #include "fuzz_inst.h"
-#include "store/store_link.h"
-#include "supervise/message_queue.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1)
@@ -24,8 +22,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (write(f.store_end.get(), stream.data() + at, std::min(piece, stream.size() - at)) < 0)
             break;
         for (int i = 0; i < 3; i++)
-            tovrin_store_read(f.daemon_end.get(), EV_READ, f.inst.get());
-        tovrin_dispatch_messages(-1, 0, f.inst.get());
+            tovrin_store_read(f.daemon_end.get(), EV_READ, &f.inst);
+        tovrin_dispatch_messages(-1, 0, &f.inst);
     }
     return 0;
 }

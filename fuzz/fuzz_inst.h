@@ -1,22 +1,24 @@
 #pragma once
 
 // What the fuzz targets share: an initialised instance in a private root,
-// its store link on a socket pair, configured from a text.
+// its store link on a socket pair, configured from a text, children never
+// started.
 
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
-#include <string>
 
+#include "command/tokenizer.h"
 #include "config/fixup.h"
 #include "config/load.h"
-#include "daemon/paths.h"
-#include "platform/unique_fd.h"
+#include "config/state_dump.h"
+#include "store/command.h"
+#include "store/frame.h"
+#include "store/store_link.h"
 #include "supervise/inst.h"
+#include "supervise/message_queue.h"
 
 struct fuzz_inst {
     explicit fuzz_inst(const std::string &config) {
@@ -30,21 +32,17 @@ struct fuzz_inst {
         socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair);
         daemon_end.reset(pair[0]);
         store_end.reset(pair[1]);
-        inst = std::make_unique<tovrin_inst>();
-        inst->paths = &paths;
-        inst->spawn = [](const char *, char *const *, int *, int *) -> pid_t { return -1; };
-        tovrin_inst_init(daemon_end.get(), inst.get());
-        loaded = tovrin_config_load(inst.get(), tovrin_config_move) == 0;
+        inst.paths = &paths;
+        inst.spawn = [](const char *, char *const *, int *, int *) -> pid_t { return -1; };
+        tovrin_inst_init(daemon_end.get(), &inst);
+        loaded = tovrin_config_load(&inst, tovrin_config_move) == 0;
     }
-    ~fuzz_inst() {
-        inst.reset();
-        std::filesystem::remove_all(root);
-    }
+    ~fuzz_inst() { std::filesystem::remove_all(root); }
 
     std::string root;
     tovrin_paths paths;
     unique_fd daemon_end, store_end;
-    std::unique_ptr<tovrin_inst> inst;
+    tovrin_inst inst;  // goes first, before the descriptors it uses
     bool loaded = false;
 };
 

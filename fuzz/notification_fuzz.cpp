@@ -1,9 +1,6 @@
 // The split of a notification body into its fields.
 
-#include <cstdint>
-#include <string_view>
-
-#include "store/frame.h"
+#include "fuzz_inst.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     tovrin_notification n =

@@ -4,33 +4,16 @@
 // sanitizer build checks that). Each case also names outcomes that some
 // failure must produce, so a failure path that is never taken shows.
 
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <functional>
-#include <new>
 #include <set>
-#include <string>
-#include <vector>
 
-#include "config/fixup.h"
-#include "config/load.h"
+#include "stord/frame.h"
 #include "store/status.h"
-#include "supervise/conn.h"
-#include "supervise/message_queue.h"
-#include "supervise/state.h"
-#include "support/alloc_failure.h"
-#include "support/log_capture.h"
 #include "support/test_inst.h"
 
-namespace {
-
-using outcome = std::vector<std::string>;
+using outcome = strings;
 
 struct sweep_case {
-    const char *title;
     const char *config;  // loaded before the operation
     // Sets the stage, runs the operation (alone in the sweep), and reports
     // what it left behind.
@@ -40,54 +23,44 @@ struct sweep_case {
     std::vector<outcome> must_see;  // outcomes some failure must give
 };
 
-std::string count(const char *what, size_t n) {
-    return std::string(what) + " " + std::to_string(n);
-}
-
 const char long_value[] = "a value longer than any short string";
+const char long_names[] =
+    "conn a-conn-with-a-long-name\n\tparent a-parent-with-a-long-name\n"
+    "\tstart /bin/a-start-command-with-a-long-name\nconn a-parent-with-a-long-name\n";
 
 const sweep_case cases[] = {
-    {"publishing a status",
-     "conn a-conn-with-a-long-name\n\tlog othertransitions\n",
+    // Publishing a status: the prefix fails; the key fails, silently; the
+    // frame fails.
+    {"conn a-conn-with-a-long-name\n\tlog othertransitions\n",
      [](test_inst &) {},
      [](test_inst &t) { tovrin_publish_status(t.inst.conns.front()); },
-     [](test_inst &t) { return outcome{count("frames", t.inst.store_out_queue.size())}; },
+     [](test_inst &t) {
+         return outcome{"frames " + std::to_string(t.inst.store_out_queue.size())};
+     },
      {"a-conn-with-a-long-name is now down", "frames 1"},
-     // The prefix fails; the key fails, silently; the frame fails.
      {{"failed to allocate status message", "frames 0"},
       {"a-conn-with-a-long-name is now down", "frames 0"},
       {"could not allocate message", "a-conn-with-a-long-name is now down", "frames 0"}}},
-
-    {"loading commands and links",
-     "",
-     [](test_inst &t) {
-         t.write_config(
-             "conn a-conn-with-a-long-name\n\tparent a-parent-with-a-long-name\n"
-             "\tstart /bin/a-start-command-with-a-long-name\n"
-             "conn a-parent-with-a-long-name\n");
-     },
+    // Loading commands and links: a clause that cannot be stored is dropped
+    // and the load goes on.
+    {"",
+     [](test_inst &t) { t.write_config(long_names); },
      [](test_inst &t) { t.load(); },
      [](test_inst &t) {
          tovrin_conn *a = t.conn("a-conn-with-a-long-name");
-         if (a == nullptr)
-             return outcome{"not loaded"};
-         return outcome{count("actions", a->start_actions.size()),
-                        count("parents", a->parents.size())};
+         return a == nullptr ? outcome{"not loaded"}
+                             : outcome{"actions " + std::to_string(a->start_actions.size()),
+                                       "parents " + std::to_string(a->parents.size())};
      },
      {"actions 1", "parents 1"},
-     // A clause that cannot be stored is dropped and the load goes on.
      {{"Could not allocate action", "Couldn't create action", "actions 0", "parents 1"},
       {"Could not allocate link name", "Could not allocate parent", "actions 1", "parents 0"}}},
-
-    {"a store value reaching two variables",
-     "conn a\n\tstord_var v some.store.key\nconn b\n\tstord_var w some.store.key\n",
+    // A store value reaching two variables.
+    {"conn a\n\tstord_var v some.store.key\nconn b\n\tstord_var w some.store.key\n",
      [](test_inst &t) {
-         std::string body = std::string("8\x1esome.store.key\x1e") + "0\x1e" + "0\x1e" + long_value;
-         uint32_t n = htonl(static_cast<uint32_t>(body.size()));
-         std::string frame(reinterpret_cast<const char *>(&n), 4);
-         frame += body;
-         ASSERT_EQ(write(t.store_end.get(), frame.data(), frame.size()),
-                   static_cast<ssize_t>(frame.size()));
+         std::string body =
+             stord_frame_encode(std::string("8\036some.store.key\0360\0360\036") + long_value);
+         ASSERT_EQ(write(t.store_end.get(), body.data(), body.size()), ssize_t(body.size()));
      },
      [](test_inst &t) {
          for (int turn = 0; turn < 4; turn++)
@@ -97,19 +70,19 @@ const sweep_case cases[] = {
          size_t with_value = 0;
          for (const tovrin_var_sub &sub : t.inst.store_vars)
              with_value += sub.current_val == long_value ? 1 : 0;
-         return outcome{count("values", with_value)};
+         return outcome{"values " + std::to_string(with_value)};
      },
      {"values 2"},
      {{"error handling stord message", "values 1"}}},
-
-    {"a group started from the loop",
-     "orderedgroup g\n\tmember a-member-with-a-long-name\n\tfailovertimeout 0\n\tlog none\n"
+    // A group started from the loop: whatever no handler reports itself is
+    // caught where the event began.
+    {"orderedgroup g\n\tmember a-member-with-a-long-name\n\tfailovertimeout 0\n\tlog none\n"
      "conn a-member-with-a-long-name\n\tstart /bin/a-command with %v% args\n\tlog none\n",
      [](test_inst &t) {
          t.inst.spawn = [](const char *, char *const *, int *, int *) -> pid_t { return -1; };
      },
      [](test_inst &t) {
-         tovrin_conn_deliver_message(&t.inst, nullptr, t.inst.conns.front(), TOVRIN_MSG_START);
+         t.deliver("g", TOVRIN_MSG_START);
          t.dispatch();
      },
      [](test_inst &t) {
@@ -117,20 +90,17 @@ const sweep_case cases[] = {
      },
      {"could not run command /bin/a-command for conn a-member-with-a-long-name",
       "state starting members"},
-     // Whatever no handler reports itself is caught where the event began.
      {{"Could not allocate memory; event handling abandoned", "state starting members"}}},
 };
 
 TEST(AllocationSweep, EveryOperationSurvivesAnySingleFailure) {
     for (const sweep_case &c : cases) {
-        SCOPED_TRACE(c.title);
+        SCOPED_TRACE(c.config);
         std::set<outcome> seen;
         for (long k = 0;; k++) {
             ASSERT_LT(k, 100000);
             SCOPED_TRACE(k);
-            test_inst t;
-            t.write_config(c.config);
-            ASSERT_EQ(t.load(), 0);
+            test_inst t(c.config);
             t.inst.store_out_queue.clear();
             c.prepare(t);
             log_capture log;
@@ -149,7 +119,7 @@ TEST(AllocationSweep, EveryOperationSurvivesAnySingleFailure) {
                 break;
             }
             // What a failure adds to the log is a failure's report.
-            for (const log_record &r : log.records()) {
+            for (const log_record &r : log.records) {
                 bool normal = std::count(c.success.begin(), c.success.end(), r.message) != 0;
                 EXPECT_TRUE(normal || r.priority == TOVRIN_LOG_FATAL) << r;
             }
@@ -159,5 +129,3 @@ TEST(AllocationSweep, EveryOperationSurvivesAnySingleFailure) {
             EXPECT_EQ(seen.count(o), 1u) << testing::PrintToString(o);
     }
 }
-
-}  // namespace

@@ -1,28 +1,21 @@
-#include "config/load.h"
-
-#include <gtest/gtest.h>
-
-#include <climits>
-#include <string>
-#include <vector>
-
-#include "supervise/conn.h"
-#include "support/log_capture.h"
 #include "support/test_inst.h"
-
-namespace {
-
-using strings = std::vector<std::string>;
 
 struct load_case {
     std::string text;
-    strings messages;  // a failed load ends with "Failed To Load Config"
+    strings messages;     // a failed load ends with "Failed To Load Config"
+    int testperiod = 30;  // of conn a, when it loads
 };
 
 const std::string long_line(1017, 'a');
 
-// Every refusal of the parser, and what it lets through. The last word of a
-// failed load is always the same, and nothing of the file is left pending.
+// A clause of conn a refused "in connection a".
+static load_case in_a(const std::string &clause, const std::string &message) {
+    return {"conn a\n\t" + clause + "\n", {message + " in connection a"}};
+}
+
+// Every refusal of the parser, and what it lets through, numbers read as the
+// language says. The last word of a failed load is always the same, and
+// nothing of the file is left pending.
 TEST(ConfigLoad, ReportsEveryErrorExactly) {
     const load_case cases[] = {
         {"\tstart /bin/true\n", {"New connection definitions must start without whitespace"}},
@@ -40,7 +33,7 @@ TEST(ConfigLoad, ReportsEveryErrorExactly) {
         {"global\n\tdefaultlog\n", {"Default log specified without an argument"}},
         {"global\n\tinstancelog Debug\n", {"Unknown log mask Debug for instance logging"}},
         {"global\n\tdefaultlog +bogus\n", {"Unknown log mask +bogus for default conn logging"}},
-        {"conn a\n\tStart x\n", {"Unknown clause: Start in connection a"}},
+        in_a("Start x", "Unknown clause: Start"),
         {"conn a\n\tmember\n", {"Connection a is not a group and cannot have members"}},
         {"conn a\n\tmutex\n", {"Connection a is not a group and cannot have a mutex property"}},
         {"conn a\n\tfailovertimeout 5\n",
@@ -52,25 +45,20 @@ TEST(ConfigLoad, ReportsEveryErrorExactly) {
          {"Failover timeout specified without a value in connection g"}},
         {"orderedgroup g\n\tfailforwardperiod\n",
          {"Failforward period specified without a value in connection g"}},
-        {"conn a\n\tparent\n", {"Parent specified without a name in connection a"}},
-        {"conn a\n\tchild\n", {"Child specified without a name in connection a"}},
-        {"conn a\n\tlog\n", {"Log specified without an argument in connection a"}},
-        {"conn a\n\ttestdelay\n", {"Test delay specified without a name in connection a"}},
-        {"conn a\n\ttestperiod\n", {"Test period specified without a name in connection a"}},
-        {"conn a\n\ttesttimeout\n", {"Test timeout specified without a name in connection a"}},
-        {"conn a\n\ttestthreshold\n", {"Test threshold specified without a name in connection a"}},
-        {"conn a\n\tcommandtimeout\n",
-         {"Command timeout specified without a name in connection a"}},
-        {"conn a\n\tmaxrestarts\n",
-         {"Max restarts specified without a variable value in connection a"}},
-        {"conn a\n\trestartdelayfactor\n",
-         {"Restart delay factor specified without a variable value in connection a"}},
-        {"conn a\n\tvar\n", {"Command var specified without a variable name in connection a"}},
-        {"conn a\n\tvar x\n", {"Command var specified without a variable value in connection a"}},
-        {"conn a\n\tstord_var\n",
-         {"Command stord_var specified without a variable name in connection a"}},
-        {"conn a\n\tstord_var x\n",
-         {"Command stord_var specified without a variable value in connection a"}},
+        in_a("parent", "Parent specified without a name"),
+        in_a("child", "Child specified without a name"),
+        in_a("log", "Log specified without an argument"),
+        in_a("testdelay", "Test delay specified without a name"),
+        in_a("testperiod", "Test period specified without a name"),
+        in_a("testtimeout", "Test timeout specified without a name"),
+        in_a("testthreshold", "Test threshold specified without a name"),
+        in_a("commandtimeout", "Command timeout specified without a name"),
+        in_a("maxrestarts", "Max restarts specified without a variable value"),
+        in_a("restartdelayfactor", "Restart delay factor specified without a variable value"),
+        in_a("var", "Command var specified without a variable name"),
+        in_a("var x", "Command var specified without a variable value"),
+        in_a("stord_var", "Command stord_var specified without a variable name"),
+        in_a("stord_var x", "Command stord_var specified without a variable value"),
         {"conn a\n\tstart /bin/a\nconn b\n\tparent a\nconn c\n\tlog -Debug\n",
          {"Unknown log mask -Debug for c"}},
         // A line longer than 1023 bytes goes on as a line of its own.
@@ -80,6 +68,14 @@ TEST(ConfigLoad, ReportsEveryErrorExactly) {
         {"", {}},
         {"# nothing\n   # indented comment\n\t\n\nglobal extra\nglobal\nconn a x\n\t# c\n", {}},
         {"conn a\n\ttest " + std::string(1016, 'a') + "\n", {}},
+        // clang-format off
+        {"conn a\n\ttestperiod 10\n", {}, 10}, {"conn a\n\ttestperiod 10s\n", {}, 10},
+        {"conn a\n\ttestperiod abc\n", {}, 0}, {"conn a\n\ttestperiod -3\n", {}, -3},
+        {"conn a\n\ttestperiod +5\n", {}, 5}, {"conn a\n\ttestperiod 1e3\n", {}, 1},
+        {"conn a\n\ttestperiod 2147483647\n", {}, INT_MAX},
+        {"conn a\n\ttestperiod 2147483648\n", {}, INT_MAX},
+        {"conn a\n\ttestperiod -99999999999\n", {}, INT_MIN},
+        // clang-format on
     };
     test_inst t;
     for (const load_case &c : cases) {
@@ -87,7 +83,7 @@ TEST(ConfigLoad, ReportsEveryErrorExactly) {
         t.write_config(c.text);
         log_capture log;
         int result = t.load();
-        std::vector<log_record> records = log.records();
+        std::vector<log_record> records = log.records;
         bool refused = !records.empty() && records.back().message == "Failed To Load Config";
         if (refused)
             records.pop_back();
@@ -99,29 +95,7 @@ TEST(ConfigLoad, ReportsEveryErrorExactly) {
         EXPECT_EQ(result, refused ? -1 : 0);
         EXPECT_TRUE(t.inst.new_conns.empty());
         EXPECT_EQ(t.inst.new_globals, nullptr);
-    }
-}
-
-TEST(ConfigLoad, NumbersReadAsTheLanguageSays) {
-    const struct {
-        const char *text;
-        int value;
-    } numbers[] = {{"10", 10},
-                   {"10s", 10},
-                   {"abc", 0},
-                   {"-3", -3},
-                   {"+5", 5},
-                   {"1e3", 1},
-                   {"2147483647", INT_MAX},
-                   {"2147483648", INT_MAX},
-                   {"-99999999999", INT_MIN}};
-    test_inst t;
-    for (const auto &n : numbers) {
-        t.write_config(std::string("conn a\n\ttestperiod ") + n.text + "\n");
-        ASSERT_EQ(t.load(), 0);
-        EXPECT_EQ(t.conn("a")->testperiod, n.value) << n.text;
+        EXPECT_EQ(t.conn("a") != nullptr ? t.conn("a")->testperiod : 30, c.testperiod);
         t.inst.conns.clear();
     }
 }
-
-}  // namespace

@@ -1,57 +1,8 @@
 #include "supervise/action.h"
 
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <functional>
-#include <string>
-#include <vector>
-
-#include "supervise/action_queue.h"
-#include "supervise/conn.h"
-#include "supervise/state.h"
-#include "support/e2e.h"
-#include "support/log_capture.h"
 #include "support/test_inst.h"
 
-namespace {
-
-TEST(Action, CommandLineKeepsTheArgumentsThatFit) {
-    const std::string a400(400, 'a'), b400(400, 'b'), x1022(1022, 'x');
-    const struct {
-        std::vector<std::string> argv;
-        std::string line;
-    } cases[] = {
-        {{}, ""},
-        {{"sh", "-c", "exit 3"}, " sh -c exit 3"},
-        {{"x", "", "y"}, " x  y"},
-        {{x1022}, " " + x1022},
-        {{x1022 + "x"}, ""},
-        {{"cmd", a400, b400, a400}, " cmd " + a400 + " " + b400},
-        {{std::string(1000, 'x'), std::string(100, 'y'), "z"}, " " + std::string(1000, 'x')},
-    };
-    for (const auto &c : cases)
-        EXPECT_EQ(tovrin_action_command_line(c.argv), c.line);
-}
-
-void tick_cb(evutil_socket_t, short, void *) {}
-
-// Turns the loop until done() holds; false when ten seconds pass first.
-bool wait_for(test_inst &t, const std::function<bool()> &done) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    event_slot tick;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        t.dispatch();
-        tick.set<tick_cb>(t.inst.base.get(), -1, 0, nullptr);
-        tick.add_timeval(timeval{0, 20000});
-        event_base_loop(t.inst.base.get(), EVLOOP_ONCE);
-    }
-    return true;
-}
+static void tick_cb(evutil_socket_t, short, void *) {}
 
 // Real children: output is drained as it comes (kept up to each read's
 // first NUL, at most 64 KiB), end of file stops the reading while the child
@@ -64,13 +15,25 @@ TEST(Action, RealChildrenAreDrainedReapedAndForgotten) {
         "\tup sh -c 'printf \"ab\\0cd\"; exec >&- 2>&-; sleep 30'\n"
         "\tup sh -c 'yes | head -c 1000000; yes | head -c 100000 >&2; exec >&- 2>&-; sleep 30'\n");
     ASSERT_EQ(t.load(), 0);
-    int fds = open_fd_count(getpid());
+    const int fds = open_fd_count(getpid());
     tovrin_conn *a = t.conn("a");
+    // Turns the loop until done() holds; false when ten seconds pass first.
+    auto wait_for = [&](const std::function<bool()> &done) {
+        auto deadline = std::chrono::steady_clock::now() + 10s;
+        for (event_slot tick; !done(); event_base_loop(t.inst.base.get(), EVLOOP_ONCE)) {
+            if (std::chrono::steady_clock::now() >= deadline)
+                return false;
+            t.dispatch();
+            tick.set<tick_cb>(t.inst.base.get(), -1, 0, nullptr);
+            tick.add_timeval(timeval{0, 20000});
+        }
+        return true;
+    };
     t.deliver("a", TOVRIN_MSG_START);
-    ASSERT_TRUE(wait_for(t, [&] { return a->queued_up_actions.size() == 2; }));
+    ASSERT_TRUE(wait_for([&] { return a->queued_up_actions.size() == 2; }));
     const tovrin_queued_action &nul = *a->queued_up_actions.front();
     const tovrin_queued_action &chatty = *a->queued_up_actions.back();
-    ASSERT_TRUE(wait_for(t, [&] {
+    ASSERT_TRUE(wait_for([&] {
         return !nul.stdout_fd.valid() && !nul.stderr_fd.valid() && !chatty.stdout_fd.valid() &&
                !chatty.stderr_fd.valid();
     }));
@@ -78,9 +41,7 @@ TEST(Action, RealChildrenAreDrainedReapedAndForgotten) {
     EXPECT_EQ(chatty.output.size(), TOVRIN_ACTION_OUTPUT_MAX);
     EXPECT_EQ(a->current_state, TOVRIN_STATE_UP);
     t.deliver("a", TOVRIN_MSG_STOP);
-    ASSERT_TRUE(wait_for(t, [&] { return a->current_state == TOVRIN_STATE_DOWN; }));
+    ASSERT_TRUE(wait_for([&] { return a->current_state == TOVRIN_STATE_DOWN; }));
     EXPECT_TRUE(t.inst.running_actions.empty());
     EXPECT_EQ(open_fd_count(getpid()), fds);
 }
-
-}  // namespace
