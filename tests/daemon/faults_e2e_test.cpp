@@ -47,6 +47,33 @@ TEST(Faults, TheStoreBreaksOffTheLink) {
     }
 }
 
+// While the store reads nothing, supervision goes on (the last conn comes up
+// behind twenty thousand frames the socket cannot take) and the requests
+// wait; once it reads again, each conn's states arrive whole and in order.
+TEST(Faults, AStoreThatStopsReadingGetsEverythingLater) {
+    e2e_sandbox s(false);
+    raw_store store(s.root);
+    std::string config;
+    for (int i = 0; i < 3000; i++)
+        config += "conn c" + std::to_string(i) + "\n\tlog none\n";
+    s.start(config + "conn last\n\tlog uptransitions\n");
+    store.accept_daemon();
+    ASSERT_TRUE(s.wait_log("last is now running successfully"));
+    std::vector<std::string> c7;
+    for (std::string last; last != "tovrin.last.status\0362\036up";) {
+        unsigned char b[4];
+        ASSERT_EQ(recv(store.daemon.get(), b, 4, MSG_WAITALL), 4);
+        last.assign((b[0] << 24) | (b[1] << 16) | (b[2] << 8) | b[3], '\0');
+        ASSERT_EQ(recv(store.daemon.get(), last.data(), last.size(), MSG_WAITALL),
+                  ssize_t(last.size()));
+        last.erase(0, 2);
+        if (last.rfind("tovrin.c7.status", 0) == 0)
+            c7.push_back(last.substr(19));
+    }
+    EXPECT_EQ(c7, (std::vector<std::string>{"down", "waiting to start", "starting",
+                                            "starting up commands", "testing", "tested", "up"}));
+}
+
 // A command deaf to SIGTERM is killed with its whole group ten seconds
 // after its time ran out; a program that cannot run is a command that
 // exited 127; out of descriptors, commands wait, logged, and the daemon runs
