@@ -83,6 +83,25 @@ TEST(VarSearch, EachStrategyVisitsItsHolders) {
     }
 }
 
+// The debug lines name every look, once per path, under the debug word of
+// the conn looked in; the fall-back under the word of the conn expanding.
+TEST(VarSearch, DebugLinesFollowTheVisits) {
+    test_inst t(
+        "conn a\n\tparent b\n\tparent c\n\tlog debug\nconn b\n\tparent top\n\tlog "
+        "debug\n\tvar ab 1\n\tvar ba 2\nconn c\n\tparent top\n\tlog none\nconn top\n\t"
+        "log debug\n\tvar z t\n");
+    log_capture log;
+    EXPECT_EQ(tovrin_var_expand(t.conn("a"), "foo:ab"), maybe("1"));
+    EXPECT_EQ(tovrin_var_expand(t.conn("a"), "all:z"), maybe("t t"));
+    EXPECT_EQ(log.messages(),
+              (strings{"Unknown search strategy found foo:ab - reverting to first",
+                       "Looking for var ab in index 0", "Looking for var ab in index 0",
+                       "Found ba - comparing to ab", "Found ab - comparing to ab",
+                       "Looking for var z in index 2", "Looking for var z in index 2",
+                       "Looking for var z in index 2", "Found z - comparing to z",
+                       "Looking for var z in index 2", "Found z - comparing to z"}));
+}
+
 // Long ancestries are walked without recursion; forty diamonds in a row
 // (2^40 paths) stop at the bound, said once, with what was collected.
 TEST(VarSearch, LongChainsAndDiamondLaddersEnd) {

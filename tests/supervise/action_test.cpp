@@ -4,6 +4,21 @@
 
 static void tick_cb(evutil_socket_t, short, void *) {}
 
+// The command line in messages keeps the arguments that fit in 1,023
+// bytes, each after one blank, and stops at the first that does not.
+TEST(Action, CommandLineKeepsTheArgumentsThatFit) {
+    const std::string a400(400, 'a'), b400(400, 'b'), x1022(1022, 'x');
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{}, ""},
+        {{"x", "", "y"}, " x  y"},
+        {{x1022}, " " + x1022},
+        {{x1022 + "x"}, ""},
+        {{"cmd", a400, b400, a400}, " cmd " + a400 + " " + b400},
+    };
+    for (const auto &[argv, line] : cases)
+        EXPECT_EQ(tovrin_action_command_line(argv), line);
+}
+
 // Real children: output is drained as it comes (kept up to each read's
 // first NUL, at most 64 KiB), end of file stops the reading while the child
 // lives on, a grandchild holding the pipes holds nothing up, and nothing is
