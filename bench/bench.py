@@ -12,7 +12,7 @@ Each figure is the median of RUNS runs with their range. Process starts are
 seen through the kernel's process-events connector, which stamps each exec
 with the monotonic clock, so nothing scans /proc while the clock runs.
 
-    bench/bench.py BUILD_DIR OUTPUT.md [--runs 3] [--quick]
+    bench/bench.py BUILD_DIR OUTPUT.md [--runs 5] [--quick]
 """
 
 import argparse
@@ -32,6 +32,7 @@ import time
 
 MARK = "86399"  # the sleep argument that marks the benchmark's processes
 TICK = os.sysconf("SC_CLK_TCK")
+REPLACEMENTS = 15  # killed sleeps timed per run
 PAGE_KIB = os.sysconf("SC_PAGE_SIZE") // 1024
 
 
@@ -146,6 +147,18 @@ def peak_rss_mib(pid):
             if line.startswith("VmHWM:"):
                 return int(line.split()[1]) / 1024
     return 0.0
+
+
+def settle(pids, timeout=30):
+    """Waits until the processes have used no CPU for half a second."""
+    deadline = time.monotonic() + timeout
+    last = cpu_seconds(pids)
+    while time.monotonic() < deadline:
+        time.sleep(0.5)
+        now = cpu_seconds(pids)
+        if now == last:
+            return
+        last = now
 
 
 def kill_tree(root):
@@ -314,9 +327,10 @@ def peer_run(build, name, launch, n):
         procs = supervisors(root)
         cpu, pss = cpu_seconds(procs), pss_mib(procs)
         time.sleep(2)  # past any restart throttle of a fresh service
+        settle(procs)
         watcher.poll(0)
         replacements = []
-        for victim in list(watcher.marked)[:5]:
+        for victim in list(watcher.marked)[:REPLACEMENTS]:
             before = set(watcher.marked)
             killed = time.monotonic_ns()
             os.kill(victim, signal.SIGKILL)
@@ -470,7 +484,7 @@ def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("build")
     ap.add_argument("output")
-    ap.add_argument("--runs", type=int, default=3)
+    ap.add_argument("--runs", type=int, default=5)
     ap.add_argument("--quick", action="store_true", help="small sizes, to try the script")
     args = ap.parse_args()
     build = os.path.abspath(args.build)
@@ -493,7 +507,7 @@ def main():
                "CPU time of the supervising processes until then, their total proportional "
                "memory (PSS; tovrin without the store, which the appliance runs anyway), and "
                "the time from SIGKILL of one `sleep` to the exec of its replacement (median "
-               "of five per run). runit and s6 run each command through a `run` script "
+               f"of {REPLACEMENTS} per run, once the supervisor is idle). runit and s6 run each command through a `run` script "
                "(`exec sleep`); the floor spawns with the daemon's own spawn call and "
                "respawns on SIGCHLD, nothing more.\n")
     for n in peer_sizes:
