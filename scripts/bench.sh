@@ -10,16 +10,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 SETUP_EXTRA_PACKAGES="python3 procps" scripts/setup.sh build
-missing=()
-for p in runit s6 supervisor; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-    echo "bench: installing ${missing[*]}"
-    sudo=""
-    [ "$(id -u)" -eq 0 ] || sudo="sudo"
-    # Without recommends: nothing is started as a system service.
-    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends \
-        "${missing[@]}" >/dev/null || echo "bench: could not install ${missing[*]}; those peers are skipped"
-fi
+# Without recommends, so that nothing is started as a system service.
+scripts/install-packages.sh --no-install-recommends runit s6 supervisor ||
+    echo "bench: could not install every peer; those missing are skipped"
 exec python3 bench/bench.py build docs/performance.md "$@"

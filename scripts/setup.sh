@@ -7,18 +7,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(g++ cmake pkg-config libevent-dev liblog4c-dev libgtest-dev graphviz mandoc ${SETUP_EXTRA_PACKAGES:-})
-missing=()
-for p in "${packages[@]}"; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-    echo "setup: installing ${missing[*]}"
-    sudo=""
-    [ "$(id -u)" -eq 0 ] || sudo="sudo"
-    $sudo apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
-fi
+# shellcheck disable=SC2086
+scripts/install-packages.sh g++ cmake pkg-config libevent-dev liblog4c-dev libgtest-dev graphviz \
+    mandoc ${SETUP_EXTRA_PACKAGES:-}
 
 build=${1:-build}
 shift || true
