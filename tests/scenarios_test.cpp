@@ -212,26 +212,28 @@ struct runner {
         }
     }
 
-    event_slot *timer(int line, const std::string &name) {
+    // The timer's event, null while it has never been armed.
+    event *timer(int line, const std::string &name) {
         tovrin_inst &inst = t.inst;
         size_t first = name.find('.'), last = name.rfind('.');
         tovrin_conn *conn = inst.conns.find(name.substr(0, first));
         const std::string which = name.substr(last + 1),
                           program = name.substr(first + 1, last - first - 1);
-        std::map<std::string, event_slot *> slots;
+        std::map<std::string, event *> slots;
         if (first == std::string::npos)
-            slots = {{"keepalive", &inst.tovrin_timer}, {"reload", &inst.config_reload_timer}};
+            slots = {{"keepalive", inst.tovrin_timer.raw()},
+                     {"reload", inst.config_reload_timer.raw()}};
         else if (conn != nullptr && first == last)
-            slots = {{"test", &conn->test_event},
-                     {"failover", &conn->failover_event},
-                     {"failforward", &conn->failforward_event},
-                     {"updelay", &conn->up_action_failed_delay_event}};
+            slots = {{"test", conn->test_event.raw()},
+                     {"failover", conn->failover_event.raw()},
+                     {"failforward", conn->failforward_event.raw()},
+                     {"updelay", conn->up_action_failed_delay_event.raw()}};
         for (int up = 0; conn != nullptr && first != last && up < 2; up++) {
             for (const auto &e : up ? conn->queued_up_actions : conn->queued_actions) {
                 if (e->command_name == program && (e->pid != 0 || which == "respawn"))
-                    slots.insert({{"respawn", &e->respawn_event},
-                                  {"timeout", &e->action_timeout_event},
-                                  {"kill", &e->action_timeout_kill_event}});
+                    slots.insert({{"respawn", e->respawn_event.raw()},
+                                  {"timeout", e->action_timeout_event.raw()},
+                                  {"kill", e->action_timeout_kill_event.raw()}});
             }
         }
         if (slots.count(which) == 0)
@@ -283,10 +285,10 @@ struct runner {
             int value = std::atoi(word_at(rest, 2).c_str());
             tovrin_child_exited(&inst, c->pid, verb == "exit" ? value << 8 : value);
         } else if (verb == "fire") {
-            event_slot *slot = timer(line, rest);
-            if (slot == nullptr || !slot->pending())
+            event *ev = timer(line, rest);
+            if (ev == nullptr || event_pending(ev, EV_TIMEOUT, nullptr) == 0)
                 return fail(line, "timer " + rest + " is not pending");
-            event_active(slot->raw(), EV_TIMEOUT, 1);
+            event_active(ev, EV_TIMEOUT, 1);
         } else if (verb == "clock") {
             clock.tv_sec += std::atol(rest.c_str());
         } else if (verb == "hup" || verb == "usr1" || verb == "usr2") {
@@ -344,10 +346,9 @@ struct runner {
             }
         } else if (what == "idle" || what == "timer") {
             for (const std::string &item : split(rest, ',')) {
-                event_slot *slot = timer(line, word_at(item, 0));
+                event *ev = timer(line, word_at(item, 0));
                 timeval when{}, now{};
-                bool pending = slot != nullptr && slot->pending() &&
-                               event_pending(slot->raw(), EV_TIMEOUT, &when) != 0;
+                bool pending = ev != nullptr && event_pending(ev, EV_TIMEOUT, &when) != 0;
                 if (pending != (what == "timer"))
                     fail(line, "timer " + item + (pending ? " is pending" : " is not pending"));
                 gettimeofday(&now, nullptr);

@@ -51,7 +51,7 @@ void tovrin_config_adopt_new_conns(tovrin_inst *inst) {
     inst->conns.reserve(inst->new_conns.size());
     while (!inst->new_conns.empty()) {
         tovrin_conn *conn = inst->conns.push_back(inst->new_conns.pop_front());
-        conn->test_event.set<tovrin_conn_run_tests>(inst->base.get(), -1, 0, conn);
+        conn->test_event.set<tovrin_conn_run_tests>();
     }
 }
 

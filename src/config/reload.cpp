@@ -34,7 +34,7 @@ reload_fate fate_of(tovrin_inst *inst, const tovrin_conn &old, tovrin_conn **nam
 }
 
 bool due_to_run(const tovrin_conn &conn) {
-    return tovrin_conn_is_active(&conn) || conn.restart_after_stopping == 1;
+    return tovrin_conn_is_active(&conn) || conn.restart_after_stopping;
 }
 
 void send(tovrin_inst *inst, tovrin_conn *conn, int type) {
@@ -92,7 +92,7 @@ void tovrin_config_reload_begin(tovrin_inst *inst) {
                 break;
             case CONN_CHANGED:
                 if (due_to_run(old))
-                    namesake->start_after_reload = 1;
+                    namesake->start_after_reload = true;
                 if (old.current_state == TOVRIN_STATE_DOWN) {
                     tovrin_log(TOVRIN_LOG_INFO,
                                "conn [%s] has changed, but still remained in DOWN state",
@@ -143,7 +143,7 @@ void tovrin_config_reload_timeout(evutil_socket_t, short, void *arg) {
     tovrin_log(TOVRIN_LOG_FATAL, "Stopping all connections to let config reload");
     for (tovrin_conn &conn : inst->conns) {
         if (due_to_run(conn))
-            conn.start_after_reload = 1;
+            conn.start_after_reload = true;
         send(inst, &conn, TOVRIN_MSG_STOP);
     }
 }
@@ -185,9 +185,9 @@ void tovrin_config_reload_merge(tovrin_inst *inst) {
 
     tovrin_config_adopt_new_conns(inst);
     for (tovrin_conn &conn : inst->conns) {
-        if (conn.children.empty() || conn.start_after_reload == 1)
+        if (conn.children.empty() || conn.start_after_reload)
             send(inst, &conn, TOVRIN_MSG_START);
-        conn.start_after_reload = 0;
+        conn.start_after_reload = false;
     }
     inst->reloading_config = false;
     inst->globals = std::move(inst->new_globals);

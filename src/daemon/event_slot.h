@@ -101,3 +101,58 @@ class event_slot {
     evutil_socket_t fd_ = -1;
     short events_ = 0;
 };
+
+// A timer of a record that has several and arms few of them, like a conn's:
+// two words until first armed. The callback is chosen by set() and the event
+// allocated at the first add, from the base and argument the owner gives then,
+// which are the same every time for one slot.
+class timer_slot {
+  public:
+    timer_slot() = default;
+    ~timer_slot() {
+        if (ev_ != nullptr)
+            event_free(ev_);
+    }
+    timer_slot(const timer_slot &) = delete;
+    timer_slot &operator=(const timer_slot &) = delete;
+
+    bool initialized() const { return callback_ != nullptr; }
+
+    bool pending() const { return ev_ != nullptr && evtimer_pending(ev_, nullptr) != 0; }
+
+    template <event_callback_fn F>
+    void set() {
+        del();
+        if (ev_ != nullptr && callback_ != event_slot_guard<F>) {
+            event_free(ev_);
+            ev_ = nullptr;
+        }
+        callback_ = event_slot_guard<F>;
+    }
+
+    // As event_slot: nothing is armed before set().
+    int add_seconds(event_base *base, void *arg, long seconds) {
+        if (callback_ == nullptr)
+            return -1;
+        if (ev_ == nullptr) {
+            ev_ = evtimer_new(base, callback_, arg);
+            if (ev_ == nullptr) {
+                event_slot_out_of_memory();
+                return -1;
+            }
+        }
+        timeval tv{seconds, 0};
+        return evtimer_add(ev_, &tv);
+    }
+
+    void del() {
+        if (ev_ != nullptr)
+            evtimer_del(ev_);
+    }
+
+    event *raw() { return ev_; }
+
+  private:
+    event *ev_ = nullptr;
+    event_callback_fn callback_ = nullptr;
+};

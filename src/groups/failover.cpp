@@ -53,12 +53,12 @@ const tovrin_link *member_named(const tovrin_conn *group, const std::string &nam
 // name, so each is spelled out whole.
 enum group_timer { FAILOVER, FAILFORWARD };
 
-event_slot &slot_of(tovrin_conn *group, group_timer timer) {
+timer_slot &slot_of(tovrin_conn *group, group_timer timer) {
     return timer == FAILOVER ? group->failover_event : group->failforward_event;
 }
 
 void arm(tovrin_conn *group, group_timer timer, int seconds) {
-    event_slot &slot = slot_of(group, timer);
+    timer_slot &slot = slot_of(group, timer);
     const char *name = group->name.c_str();
     if (!slot.initialized()) {
         if (timer == FAILOVER)
@@ -79,10 +79,10 @@ void arm(tovrin_conn *group, group_timer timer, int seconds) {
         return;
     }
     if (timer == FAILOVER)
-        slot.set<tovrin_group_failover_timeout>(group->inst->base.get(), -1, 0, group);
+        slot.set<tovrin_group_failover_timeout>();
     else
-        slot.set<tovrin_group_failforward_timeout>(group->inst->base.get(), -1, 0, group);
-    slot.add_seconds(seconds < 0 ? 0 : seconds);
+        slot.set<tovrin_group_failforward_timeout>();
+    slot.add_seconds(group->inst->base.get(), group, seconds < 0 ? 0 : seconds);
 }
 
 void cancel(tovrin_conn *group, group_timer timer) {
@@ -94,7 +94,7 @@ void cancel(tovrin_conn *group, group_timer timer) {
             name);
         return;
     }
-    event_slot &slot = slot_of(group, timer);
+    timer_slot &slot = slot_of(group, timer);
     if (!slot.initialized()) {
         if (timer == FAILOVER)
             tovrin_log(TOVRIN_LOG_WARN,
@@ -112,7 +112,7 @@ void cancel(tovrin_conn *group, group_timer timer) {
 // Both moves end the same way: the group restarts, its stop takes down only
 // the active member and then hands the group to next_active_conn_name.
 void restart_failing_over(tovrin_conn *group) {
-    group->currently_failing_over = 1;
+    group->currently_failing_over = true;
     tovrin_conn_restart(group);
 }
 
@@ -237,21 +237,21 @@ void tovrin_group_ordered_failover(tovrin_conn *group) {
     group->next_active_conn_name = target->name;
     restart_failing_over(group);
 
-    group->failforward_ready = 0;
+    group->failforward_ready = false;
     if (group->failforwardperiod != 0)
         tovrin_group_arm_failforward(group, group->failforwardperiod);
     else
-        group->failforward_ready = 1;
+        group->failforward_ready = true;
 }
 
 void tovrin_group_failforward_timeout(evutil_socket_t, short, void *arg) {
     auto *group = static_cast<tovrin_conn *>(arg);
-    group->failforward_ready = 1;
+    group->failforward_ready = true;
     tovrin_group_member_tested(group);
 }
 
 void tovrin_group_member_tested(tovrin_conn *group) {
-    if (group->type != TOVRIN_ORDEREDGROUP || group->failforward_ready == 0)
+    if (group->type != TOVRIN_ORDEREDGROUP || !group->failforward_ready)
         return;
     if (group->active_conn_name.empty()) {
         tovrin_group_failforward(group);

@@ -119,7 +119,7 @@ void tovrin_conn_run_tests(evutil_socket_t, short, void *arg) {
         tovrin_log(TOVRIN_LOG_WARN, "queueing test actions for %s; it already had %d",
                    conn->name.c_str(), conn->n_queued_test_actions);
     }
-    conn->current_test_run_has_failure = 0;
+    conn->current_test_run_has_failure = false;
     conn_queue_actions(conn, conn->test_actions, &conn->n_queued_test_actions);
     tovrin_conn_run_queue(conn);
 }
@@ -140,10 +140,10 @@ void tovrin_conn_schedule_tests(tovrin_conn *conn, int delay) {
         tovrin_log(TOVRIN_LOG_WARN, "%d %s(%d) test_event not initialized yet, set and add it",
                    SITE_TESTS_NOT_INITIALIZED, conn->name.c_str(), conn->type);
     }
-    conn->test_event.set<tovrin_conn_run_tests>(conn->inst->base.get(), -1, 0, conn);
+    conn->test_event.set<tovrin_conn_run_tests>();
     // A negative delay is run on the next turn of the loop, not at once:
     // callers expect no tests to run inside the call unless they asked for 0.
-    conn->test_event.add_seconds(std::max(delay, 0));
+    conn->test_event.add_seconds(conn->inst->base.get(), conn, std::max(delay, 0));
 }
 
 void tovrin_conn_cancel_tests(tovrin_conn *conn) {

@@ -181,9 +181,9 @@ void up_action_exited(tovrin_conn *conn, tovrin_queued_action_list::iterator pos
     int64_t delay_ms = static_cast<int64_t>(action->restarts) * conn->restartdelayfactor;
     if (delay_ms > 0) {
         delay_ms = std::min(delay_ms, RESTART_DELAY_MAX_MS);
-        conn->up_action_failed_delay_event.set<tovrin_up_action_failed_delay>(
-            conn->inst->base.get(), -1, 0, conn);
-        conn->up_action_failed_delay_event.add_seconds(static_cast<long>(delay_ms / 1000));
+        conn->up_action_failed_delay_event.set<tovrin_up_action_failed_delay>();
+        conn->up_action_failed_delay_event.add_seconds(conn->inst->base.get(), conn,
+                                                       static_cast<long>(delay_ms / 1000));
         return;
     }
     if (conn_logs(conn, TOVRIN_LOG_DEBUG_WORD))
@@ -196,7 +196,7 @@ void up_action_exited(tovrin_conn *conn, tovrin_queued_action_list::iterator pos
 void test_action_exited(tovrin_conn *conn, const tovrin_queued_action &entry, int code) {
     conn->n_queued_test_actions--;
     if (code != 0 || entry.state == TOVRIN_QA_TERMINATING)
-        conn->current_test_run_has_failure = 1;
+        conn->current_test_run_has_failure = true;
     if (conn->n_queued_test_actions > 0)
         return;
 

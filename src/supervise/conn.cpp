@@ -74,7 +74,7 @@ tovrin_conn *tovrin_conn_add_deaf(tovrin_inst *inst, const std::string &name) {
         tovrin_log(TOVRIN_LOG_FATAL, "Could not add deaf conn");
         return nullptr;
     }
-    conn->is_deaf = 1;
+    conn->is_deaf = true;
     return conn;
 }
 

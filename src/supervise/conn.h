@@ -48,21 +48,21 @@ struct tovrin_conn {
     int failforwardperiod = 0;
     int failovertimeout = 0;
     int mutex = 0;
-    int failforward_ready = 0;
-    int is_deaf = 0;
+    bool failforward_ready = false;
+    bool is_deaf = false;
     int n_queued_stop_actions = 0;
     int n_queued_start_actions = 0;
     int n_queued_test_actions = 0;
     int n_test_failures = 0;
     int n_test_passes = 0;
-    int current_test_run_has_failure = 0;
-    int restart_after_stopping = 0;
-    int start_after_reload = 0;
-    int currently_failing_over = 0;
+    bool current_test_run_has_failure = false;
+    bool restart_after_stopping = false;
+    bool start_after_reload = false;
+    bool currently_failing_over = false;
     int config_line = 0;  // line of its header in the file it came from; 0 when deaf
-    event_slot test_event;
-    event_slot failforward_event;
-    event_slot failover_event;
+    timer_slot test_event;
+    timer_slot failforward_event;
+    timer_slot failover_event;
     std::array<tovrin_var_list, TOVRIN_N_VAR_LISTS> vars;
     tovrin_action_list start_actions;
     tovrin_action_list stop_actions;
@@ -79,7 +79,7 @@ struct tovrin_conn {
     tovrin_queued_action_list queued_up_actions;
     int maxrestarts = -1;  // negative: no limit
     int restartdelayfactor = 0;
-    event_slot up_action_failed_delay_event;
+    timer_slot up_action_failed_delay_event;
     // Place in conns or new_conns, and in that list's name index; kept by
     // tovrin_conn_list alone.
     tovrin_conn *list_prev = nullptr;

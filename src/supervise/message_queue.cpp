@@ -19,8 +19,8 @@ const char *sender_name(const tovrin_conn *conn, const char *none) {
 // Stop and restart start from a clean slate: no pending restart, no
 // failover in progress, no failforward waiting.
 void conn_interrupt(tovrin_conn *conn) {
-    conn->restart_after_stopping = 0;
-    if (conn->currently_failing_over > 0)
+    conn->restart_after_stopping = false;
+    if (conn->currently_failing_over)
         tovrin_group_abandon_failover(conn);
     if (conn->type == TOVRIN_ORDEREDGROUP)
         tovrin_group_cancel_failforward(conn);

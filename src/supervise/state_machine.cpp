@@ -278,7 +278,7 @@ void conn_start_by_state(tovrin_conn *conn) {
         case TOVRIN_STATE_STOPPING_UP_COMMANDS:
         case TOVRIN_STATE_STOPPING:
             // Already on the way down: come back once down.
-            conn->restart_after_stopping = 1;
+            conn->restart_after_stopping = true;
             break;
         default:
             break;
@@ -322,7 +322,7 @@ void group_start_by_state(tovrin_conn *group) {
 
 // Are the members the group waits for down?
 bool group_members_down(tovrin_conn *group) {
-    if (group->currently_failing_over > 0) {
+    if (group->currently_failing_over) {
         tovrin_conn *active = group_active_member(group);
         return active == nullptr || active->current_state == TOVRIN_STATE_DOWN;
     }
@@ -342,7 +342,7 @@ void group_failover_finish(tovrin_conn *group) {
     if (!next.empty())
         tovrin_group_set_active(group, std::move(next));
     tovrin_group_publish_failover_timestamp(group);
-    group->currently_failing_over = 0;
+    group->currently_failing_over = false;
 }
 
 void group_stop_members(tovrin_conn *group) {
@@ -351,7 +351,7 @@ void group_stop_members(tovrin_conn *group) {
     state_set(group, TOVRIN_STATE_STOPPING_MEMBERS);
     if (tovrin_conn_count_members_not_down(group) == 0) {
         send_self(group, TOVRIN_MSG_CHECK_STOP);
-    } else if (group->currently_failing_over > 0) {
+    } else if (group->currently_failing_over) {
         if (tovrin_conn *active = group_active_member(group))
             send(group, active, TOVRIN_MSG_STOP);
     } else {
@@ -394,11 +394,11 @@ void tovrin_conn_start(tovrin_conn *conn) {
             (inst->globals->instance_log_mask & TOVRIN_INST_LOG_DEBUGMESSAGES) != 0)
             tovrin_log(TOVRIN_LOG_INFO, "%s: not handling start message during config reloading",
                        conn->name.c_str());
-        conn->start_after_reload = 1;
+        conn->start_after_reload = true;
         return;
     }
-    conn->restart_after_stopping = 0;
-    conn->currently_failing_over = 0;
+    conn->restart_after_stopping = false;
+    conn->currently_failing_over = false;
     if (!tovrin_conn_check_group(conn, TOVRIN_GROUP_START))
         return;
     if (is_group(conn))
@@ -417,7 +417,7 @@ void tovrin_conn_stop(tovrin_conn *conn) {
     }
     switch (conn->current_state) {
         case TOVRIN_STATE_DOWN:
-            if (conn->restart_after_stopping > 0)
+            if (conn->restart_after_stopping)
                 send_self(conn, TOVRIN_MSG_START);
             break;
         case TOVRIN_STATE_WAITING_TO_START:
@@ -457,14 +457,14 @@ void tovrin_group_stop(tovrin_conn *group) {
     }
     switch (group->current_state) {
         case TOVRIN_STATE_DOWN:
-            if (group->restart_after_stopping > 0)
+            if (group->restart_after_stopping)
                 send_self(group, TOVRIN_MSG_START);
             break;
         case TOVRIN_STATE_WAITING_TO_START:
         case TOVRIN_STATE_STOPPING:
             if (group->n_queued_stop_actions > 0)
                 break;
-            if (group->currently_failing_over > 0)
+            if (group->currently_failing_over)
                 group_failover_finish(group);
             conn_set_down(group);
             break;
@@ -506,7 +506,7 @@ void tovrin_conn_check_stop(tovrin_conn *conn) {
 void tovrin_conn_restart(tovrin_conn *conn) {
     if (conn == nullptr)
         return;
-    conn->restart_after_stopping = 1;
+    conn->restart_after_stopping = true;
     switch (conn->current_state) {
         case TOVRIN_STATE_DOWN:
             tovrin_conn_start(conn);
@@ -528,7 +528,7 @@ void tovrin_conn_restart(tovrin_conn *conn) {
 }
 
 void tovrin_group_abandon_failover(tovrin_conn *group) {
-    group->currently_failing_over = 0;
+    group->currently_failing_over = false;
     // Only here would the group wait for good: in stopping members it has
     // stopped its active member alone, and now waits for every member, while
     // the standbys it left running have no reason ever to stop.

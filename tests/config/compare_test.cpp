@@ -85,7 +85,7 @@ TEST(Compare, EachEditIsFoundWithItsOwnMessage) {
         ASSERT_EQ(t.load(), 0);
         tovrin_conn *old = t.conn(c.conn);
         old->current_state = TOVRIN_STATE_UP;
-        old->restart_after_stopping = 1;
+        old->restart_after_stopping = true;
         for (tovrin_var_sub &sub : t.inst.store_vars)
             sub.current_val = "now";
         t.root.write_file("dep", c.dep_now);
