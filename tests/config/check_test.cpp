@@ -113,3 +113,29 @@ TEST(Check, ExitStatusSaysWhatTheDaemonWouldDo) {
                                                         ": Failed To Load Config"}));
     EXPECT_EQ(got.out, "");
 }
+
+// Out of memory anywhere, the checker reports what it could or says so and
+// refuses; no failure ends it.
+TEST(Check, SurvivesAnySingleAllocationFailure) {
+    temp_dir dir;
+    dir.write_file("t.conf",
+                   "conn wan\n\tstart /bin/ping %gw%\nconn vpn-with-a-long-name\n"
+                   "\tparent wan\n\tparent ghost-with-a-long-name\n");
+    const tovrin_check_request request{dir.file("t.conf"), "", false};
+    bool said = false;
+    for (long k = 0;; k++) {
+        ASSERT_LT(k, 100000);
+        FILE *report = tmpfile(), *out = tmpfile();
+        allocation_fail_after(k);
+        int status = tovrin_config_check(request, report, out);
+        bool failed = allocation_failure_happened();
+        std::string text = text_of(report);
+        fclose(out);
+        if (!failed) {
+            EXPECT_EQ(status, TOVRIN_CHECK_WARNINGS);
+            break;
+        }
+        said |= status == TOVRIN_CHECK_REFUSED && text.ends_with(": out of memory\n");
+    }
+    EXPECT_TRUE(said);
+}
