@@ -19,7 +19,9 @@
 //   queue CONN TYPE         ... and the next step comes before it is handled
 //   exit CONN PROG CODE     CONN's running PROG exits with CODE
 //   killed CONN PROG SIG    ... is killed by signal SIG (a number)
-//   fire TIMER | clock +N   a pending timer fires | the monotonic clock moves on
+//   fire TIMER              a pending timer fires now, whenever it is due
+//   clock +N                N seconds pass: the timers due on the way fire,
+//                           earliest first, each with time at its due second
 //   hup | usr1 | usr2       the signal arrives
 //   write PATH TEXT | remove PATH    a file under the root changes
 //   nospawn PROG | spawn PROG        spawning PROG fails from now on | works again
@@ -41,9 +43,12 @@
 //   same PATH GOLDEN SKIP   the file under the root equals GOLDEN (beside the
 //                           scenario file) after SKIP lines
 //
-// Timers: keepalive, reload, CONN.test, CONN.failover, CONN.failforward,
-// CONN.updelay, CONN.PROG.timeout, CONN.PROG.kill, CONN.PROG.respawn. A
-// failover timestamp reads NOW when it is the current time; the root's path
+// Time is virtual: it passes only by "clock" steps, and a timer fires only
+// when a step fires it or time reaches it (a zero delay is due at once); a
+// timer armed on the wall clock fails the scenario. Timers: keepalive,
+// reload, CONN.test, CONN.failover, CONN.failforward, CONN.updelay,
+// CONN.PROG.timeout, CONN.PROG.kill, CONN.PROG.respawn. A failover timestamp
+// reads NOW when it is the virtual wall clock; the root's path
 // reads ROOT. Children never run: spawns are recorded, exits come from steps.
 
 #include <fcntl.h>
@@ -59,6 +64,7 @@
 #include "config/reload.h"
 #include "config/state_dump.h"
 #include "daemon/daemon.h"
+#include "daemon/virtual_clock.h"
 #include "stord/frame.h"
 #include "store/frame.h"
 #include "supervise/child_exit.h"
@@ -67,6 +73,9 @@
 namespace {
 
 using numbered = std::vector<std::pair<int, std::string>>;  // line number, text
+
+// What the wall clock reads when a scenario starts: 2026-01-01 00:00:00 UTC.
+constexpr time_t SCENARIO_WALL_START = 1767225600;
 
 struct scenario {
     std::string file, name, test_name;
@@ -113,7 +122,7 @@ struct runner {
     test_inst t;
     std::unique_ptr<log_capture> log = std::make_unique<log_capture>();
     size_t log_seen = 0;
-    timespec clock{1000, 0};
+    tovrin_virtual_clock *clock;
     std::vector<fake_child> children;
     std::set<std::string> failing, missing;
     strings proc;
@@ -127,7 +136,9 @@ struct runner {
 
     explicit runner(const scenario &sc) : s(sc) {
         tovrin_inst &inst = t.inst;
-        inst.clock_monotonic = [this](timespec *now) { return *now = clock, 0; };
+        auto owned = std::make_unique<tovrin_virtual_clock>(SCENARIO_WALL_START);
+        clock = owned.get();
+        inst.clock = std::move(owned);
         inst.spawn = [this, &inst](const char *file, char *const argv[], int *out,
                                    int *err) -> pid_t {
             int pipe[2];
@@ -172,7 +183,19 @@ struct runner {
             std::filesystem::create_directories(t.root.file(dir));
     }
 
+    // Runs the loop until nothing is left to do, timers due by now included
+    // (a zero delay is due at once); time itself stands still.
     void settle() {
+        run_until_quiet();
+        if (!clock->advance_to(t.inst.base.get(), clock->now(), [this] { run_until_quiet(); })) {
+            for (const auto &timer : clock->timers(t.inst.base.get())) {
+                if (timer.on_wall)
+                    fail(0, "a timer runs on the wall clock: " + timer_name(timer.ev));
+            }
+        }
+    }
+
+    void run_until_quiet() {
         tovrin_inst &inst = t.inst;
         auto drain = [this] {
             char buf[65536];
@@ -198,7 +221,7 @@ struct runner {
             strings f = split(body, TOVRIN_FRAME_SEPARATOR);
             const std::string type = f.empty() ? "" : f[0], key = f.size() > 1 ? f[1] : "";
             bool now = key.ends_with(".failover-timestamp") && f.size() == 4 &&
-                       std::abs(std::atol(f[3].c_str()) - time(nullptr)) <= 5;
+                       f[3] == std::to_string(clock->wall().tv_sec);
             if (type == "1" && f.size() == 4 && f[2] == "2" && key.starts_with("tovrin.") &&
                 key.ends_with(".status") && key.size() > 14)
                 out->push_back("status " + key.substr(7, key.size() - 14) + " " + f[3]);
@@ -212,33 +235,44 @@ struct runner {
         }
     }
 
-    // The timer's event, null while it has never been armed.
-    event *timer(int line, const std::string &name) {
+    // Every timer a scenario can name, by name; null while never armed.
+    std::map<std::string, event *> named_timers() {
         tovrin_inst &inst = t.inst;
-        size_t first = name.find('.'), last = name.rfind('.');
-        tovrin_conn *conn = inst.conns.find(name.substr(0, first));
-        const std::string which = name.substr(last + 1),
-                          program = name.substr(first + 1, last - first - 1);
-        std::map<std::string, event *> slots;
-        if (first == std::string::npos)
-            slots = {{"keepalive", inst.tovrin_timer.raw()},
-                     {"reload", inst.config_reload_timer.raw()}};
-        else if (conn != nullptr && first == last)
-            slots = {{"test", conn->test_event.raw()},
-                     {"failover", conn->failover_event.raw()},
-                     {"failforward", conn->failforward_event.raw()},
-                     {"updelay", conn->up_action_failed_delay_event.raw()}};
-        for (int up = 0; conn != nullptr && first != last && up < 2; up++) {
-            for (const auto &e : up ? conn->queued_up_actions : conn->queued_actions) {
-                if (e->command_name == program && (e->pid != 0 || which == "respawn"))
-                    slots.insert({{"respawn", e->respawn_event.raw()},
-                                  {"timeout", e->action_timeout_event.raw()},
-                                  {"kill", e->action_timeout_kill_event.raw()}});
+        std::map<std::string, event *> out{{"keepalive", inst.tovrin_timer.raw()},
+                                           {"reload", inst.config_reload_timer.raw()}};
+        for (tovrin_conn &conn : inst.conns) {
+            const std::string &n = conn.name;
+            out.insert({{n + ".test", conn.test_event.raw()},
+                        {n + ".failover", conn.failover_event.raw()},
+                        {n + ".failforward", conn.failforward_event.raw()},
+                        {n + ".updelay", conn.up_action_failed_delay_event.raw()}});
+            for (auto *queue : {&conn.queued_actions, &conn.queued_up_actions}) {
+                for (const auto &e : *queue) {
+                    std::string prefix = n + "." + e->command_name + ".";
+                    out.insert({prefix + "respawn", e->respawn_event.raw()});
+                    if (e->pid != 0)
+                        out.insert({{prefix + "timeout", e->action_timeout_event.raw()},
+                                    {prefix + "kill", e->action_timeout_kill_event.raw()}});
+                }
             }
         }
-        if (slots.count(which) == 0)
+        return out;
+    }
+
+    // The timer's event, null while it has never been armed.
+    event *timer(int line, const std::string &name) {
+        std::map<std::string, event *> all = named_timers();
+        if (all.count(name) == 0)
             fail(line, "no timer " + name);
-        return slots.count(which) != 0 ? slots[which] : nullptr;
+        return all.count(name) != 0 ? all[name] : nullptr;
+    }
+
+    std::string timer_name(const event *ev) {
+        for (const auto &[name, named] : named_timers()) {
+            if (named == ev)
+                return name;
+        }
+        return "(unnamed)";
     }
 
     void step(int line, const std::string &text) {
@@ -286,11 +320,12 @@ struct runner {
             tovrin_child_exited(&inst, c->pid, verb == "exit" ? value << 8 : value);
         } else if (verb == "fire") {
             event *ev = timer(line, rest);
-            if (ev == nullptr || event_pending(ev, EV_TIMEOUT, nullptr) == 0)
+            if (ev == nullptr || !clock->due(ev))
                 return fail(line, "timer " + rest + " is not pending");
-            event_active(ev, EV_TIMEOUT, 1);
+            tovrin_virtual_clock::fire(ev);
         } else if (verb == "clock") {
-            clock.tv_sec += std::atol(rest.c_str());
+            clock->advance_to(inst.base.get(), clock->now() + std::atol(rest.c_str()),
+                              [this] { run_until_quiet(); });
         } else if (verb == "hup" || verb == "usr1" || verb == "usr2") {
             auto handler = verb == "hup"    ? tovrin_config_sighup
                            : verb == "usr1" ? tovrin_state_dump
@@ -347,15 +382,11 @@ struct runner {
         } else if (what == "idle" || what == "timer") {
             for (const std::string &item : split(rest, ',')) {
                 event *ev = timer(line, word_at(item, 0));
-                timeval when{}, now{};
-                bool pending = ev != nullptr && event_pending(ev, EV_TIMEOUT, &when) != 0;
-                if (pending != (what == "timer"))
-                    fail(line, "timer " + item + (pending ? " is pending" : " is not pending"));
-                gettimeofday(&now, nullptr);
-                double left = static_cast<double>(when.tv_sec - now.tv_sec) +
-                              static_cast<double>(when.tv_usec - now.tv_usec) / 1e6;
-                double want = std::atof(word_at(item, 1).c_str());
-                if (pending && what == "timer" && (left > want + 0.01 || left < want - 1))
+                std::optional<long> due = ev != nullptr ? clock->due(ev) : std::nullopt;
+                if (due.has_value() != (what == "timer"))
+                    fail(line, "timer " + item + (due ? " is pending" : " is not pending"));
+                long left = due.value_or(0) - clock->now();
+                if (due && what == "timer" && std::to_string(left) != word_at(item, 1))
                     fail(line, "timer " + item + ": " + std::to_string(left) + " s left");
             }
         } else if (what == "same") {

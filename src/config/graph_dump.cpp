@@ -148,7 +148,7 @@ void tovrin_graph_node(const tovrin_conn *conn, FILE *out, int cluster) {
 void tovrin_graph_write(tovrin_inst *inst, FILE *out) {
     // asctime's own line break puts the end of this comment on a line of
     // its own. Write errors are tolerated.
-    fprintf(out, "/* %s */\n", tovrin_dump_local_time().c_str());
+    fprintf(out, "/* %s */\n", tovrin_dump_local_time(inst->clock->wall().tv_sec).c_str());
     fputs("/* Process with graphviz's dot utility: */\n", out);
     fputs("/* dot tovrin.dot -Tgif > tovrin.gif */\n", out);
     fputs("digraph G {\n", out);
@@ -186,9 +186,9 @@ void tovrin_mq_snapshot(tovrin_inst *inst, const char *, const char *, const cha
             return;
     }
 
-    timespec now{};
+    timespec now = inst->clock->wall();
     tm local{};
-    if (clock_gettime(CLOCK_REALTIME, &now) != 0 || localtime_r(&now.tv_sec, &local) == nullptr)
+    if (localtime_r(&now.tv_sec, &local) == nullptr)
         return;
     // Two snapshots within one nanosecond share a name; the later one wins.
     std::string name = snapshot_name(inst->paths->snapshot_dir, now, local);

@@ -114,7 +114,7 @@ void tovrin_config_reload_begin(tovrin_inst *inst) {
         if (debug_general(inst))
             tovrin_log(TOVRIN_LOG_INFO, "DEBUG -- starting config reloading timer for %d seconds",
                        timeout);
-        inst->config_reload_timer.add_seconds(timeout);
+        inst->config_reload_timer.add_seconds(*inst->clock, timeout);
     } else if (debug_general(inst)) {
         tovrin_log(TOVRIN_LOG_INFO, "DEBUG -- not starting config reload timer");
     }

@@ -206,7 +206,7 @@ void record_write(FILE *out, const char *prefix, const tovrin_conn &conn,
 // Writes the whole dump: the time, the settings and conns in force, then
 // the configuration a reload is waiting to merge.
 void inst_write(FILE *out, tovrin_inst *inst) {
-    fprintf(out, "# %s\n", tovrin_dump_local_time().c_str());
+    fprintf(out, "# %s\n", tovrin_dump_local_time(inst->clock->wall().tv_sec).c_str());
     fputs("#global state\n", out);
     fprintf(out, "\t#reloading_config = %d\n\n", inst->reloading_config ? 1 : 0);
 
@@ -239,13 +239,12 @@ void inst_write(FILE *out, tovrin_inst *inst) {
 
 }  // namespace
 
-std::string tovrin_dump_local_time() {
-    time_t now = time(nullptr);
+std::string tovrin_dump_local_time(time_t when) {
     tm local{};
     // asctime_r needs 26 bytes and refuses, rather than overflows, a year
     // that does not fit.
     char text[64];
-    if (localtime_r(&now, &local) == nullptr || asctime_r(&local, text) == nullptr)
+    if (localtime_r(&when, &local) == nullptr || asctime_r(&local, text) == nullptr)
         return "(unknown time)\n";
     return text;
 }

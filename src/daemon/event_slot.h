@@ -1,7 +1,10 @@
 #pragma once
 
 #include <event2/event.h>
+
 #include <new>
+
+#include "daemon/clock.h"
 
 // Logs that an event handler ran out of memory and was cut short.
 void event_slot_out_of_memory();
@@ -58,12 +61,15 @@ class event_slot {
     }
 
     // -1, as event_add, when the event is not set or cannot be allocated.
-    int add() { return add_timeout(nullptr); }
-    int add_seconds(long seconds) {
-        timeval tv{seconds, 0};
-        return add_timeout(&tv);
+    int add() {
+        event *ev = get();
+        return ev != nullptr ? event_add(ev, nullptr) : -1;
     }
-    int add_timeval(const timeval &tv) { return add_timeout(&tv); }
+    // Arms the event as a timer due seconds from now on clock.
+    int add_seconds(tovrin_clock &clock, long seconds) {
+        event *ev = get();
+        return ev != nullptr ? clock.arm(ev, seconds) : -1;
+    }
 
     void del() {
         if (ev_ != nullptr)
@@ -79,11 +85,6 @@ class event_slot {
     event *raw() { return ev_; }
 
   private:
-    int add_timeout(const timeval *tv) {
-        event *ev = get();
-        return ev != nullptr ? event_add(ev, tv) : -1;
-    }
-
     // The event, allocated on first use; null when not set or out of memory.
     event *get() {
         if (ev_ == nullptr && callback_ != nullptr) {
@@ -131,7 +132,7 @@ class timer_slot {
     }
 
     // As event_slot: nothing is armed before set().
-    int add_seconds(event_base *base, void *arg, long seconds) {
+    int add_seconds(tovrin_clock &clock, event_base *base, void *arg, long seconds) {
         if (callback_ == nullptr)
             return -1;
         if (ev_ == nullptr) {
@@ -141,8 +142,7 @@ class timer_slot {
                 return -1;
             }
         }
-        timeval tv{seconds, 0};
-        return evtimer_add(ev_, &tv);
+        return clock.arm(ev_, seconds);
     }
 
     void del() {

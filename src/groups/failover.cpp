@@ -82,7 +82,7 @@ void arm(tovrin_conn *group, group_timer timer, int seconds) {
         slot.set<tovrin_group_failover_timeout>();
     else
         slot.set<tovrin_group_failforward_timeout>();
-    slot.add_seconds(group->inst->base.get(), group, seconds < 0 ? 0 : seconds);
+    slot.add_seconds(*group->inst->clock, group->inst->base.get(), group, seconds);
 }
 
 void cancel(tovrin_conn *group, group_timer timer) {

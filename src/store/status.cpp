@@ -87,5 +87,6 @@ void tovrin_group_reset_active(tovrin_conn *group) {
 }
 
 void tovrin_group_publish_failover_timestamp(tovrin_conn *group) {
-    group_key_set(group, ".failover-timestamp", std::to_string(static_cast<long>(time(nullptr))));
+    group_key_set(group, ".failover-timestamp",
+                  std::to_string(static_cast<long>(group->inst->clock->wall().tv_sec)));
 }

@@ -123,7 +123,7 @@ void tovrin_action_run(tovrin_queued_action *entry) {
     entry->stderr_fd = std::move(err);
     entry->state = TOVRIN_QA_RUNNING;
     entry->ran = true;
-    if (!inst->clock_monotonic || inst->clock_monotonic(&entry->run_started) != 0)
+    if (inst->clock->monotonic(&entry->run_started) != 0)
         entry->run_started = timespec{};
 
     event_base *base = inst->base.get();
@@ -137,7 +137,7 @@ void tovrin_action_run(tovrin_queued_action *entry) {
     entry->action_timeout_event.set<action_timeout_cb>(base, -1, 0, entry);
     entry->action_timeout_kill_event.set<action_timeout_kill_cb>(base, -1, 0, entry);
     if (entry->timeout != 0)
-        entry->action_timeout_event.add_seconds(entry->timeout);
+        entry->action_timeout_event.add_seconds(*inst->clock, entry->timeout);
 }
 
 void tovrin_action_read_output(evutil_socket_t fd, short, void *arg) {
@@ -207,7 +207,7 @@ void tovrin_conn_action_timeout(tovrin_queued_action *entry) {
                    SITE_KILL_NOT_INITIALIZED, entry->command_name.c_str(), entry->type);
     }
     kill_event.set<action_timeout_kill_cb>(entry->conn->inst->base.get(), -1, 0, entry);
-    kill_event.add_seconds(TOVRIN_ACTION_KILL_DELAY);
+    kill_event.add_seconds(*entry->conn->inst->clock, TOVRIN_ACTION_KILL_DELAY);
 }
 
 void tovrin_conn_action_timeout_kill(tovrin_queued_action *entry) {

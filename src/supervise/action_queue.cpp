@@ -143,7 +143,7 @@ void tovrin_conn_schedule_tests(tovrin_conn *conn, int delay) {
     conn->test_event.set<tovrin_conn_run_tests>();
     // A negative delay is run on the next turn of the loop, not at once:
     // callers expect no tests to run inside the call unless they asked for 0.
-    conn->test_event.add_seconds(conn->inst->base.get(), conn, std::max(delay, 0));
+    conn->test_event.add_seconds(*conn->inst->clock, conn->inst->base.get(), conn, delay);
 }
 
 void tovrin_conn_cancel_tests(tovrin_conn *conn) {

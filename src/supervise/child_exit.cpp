@@ -79,7 +79,7 @@ bool up_action_exited_quickly(tovrin_inst *inst, const tovrin_queued_action *ent
     if (entry->run_started.tv_sec == 0 && entry->run_started.tv_nsec == 0)
         return false;
     timespec now{};
-    if (!inst->clock_monotonic || inst->clock_monotonic(&now) != 0)
+    if (inst->clock->monotonic(&now) != 0)
         return false;
     return timespec_elapsed(entry->run_started, now) < 1.0;
 }
@@ -128,7 +128,7 @@ void up_action_rerun(tovrin_conn *conn, tovrin_queued_action *entry) {
         entry->throttled = true;
     }
     entry->respawn_event.set<up_action_respawn>(conn->inst->base.get(), -1, 0, entry);
-    entry->respawn_event.add_seconds(RESPAWN_INTERVAL_SECONDS);
+    entry->respawn_event.add_seconds(*conn->inst->clock, RESPAWN_INTERVAL_SECONDS);
 }
 
 // Logs the time since the previous abnormal exit of an up command and
@@ -137,7 +137,7 @@ void up_action_note_failure(tovrin_conn *conn, tovrin_action *action) {
     timespec previous{static_cast<time_t>(action->last_failure_sec), action->last_failure_nsec};
     timespec now{};
     tovrin_inst *inst = conn->inst;
-    if (!inst->clock_monotonic || inst->clock_monotonic(&now) != 0)
+    if (inst->clock->monotonic(&now) != 0)
         return;
     action->last_failure_sec = now.tv_sec;
     action->last_failure_nsec = static_cast<int32_t>(now.tv_nsec);
@@ -182,8 +182,8 @@ void up_action_exited(tovrin_conn *conn, tovrin_queued_action_list::iterator pos
     if (delay_ms > 0) {
         delay_ms = std::min(delay_ms, RESTART_DELAY_MAX_MS);
         conn->up_action_failed_delay_event.set<tovrin_up_action_failed_delay>();
-        conn->up_action_failed_delay_event.add_seconds(conn->inst->base.get(), conn,
-                                                       static_cast<long>(delay_ms / 1000));
+        conn->up_action_failed_delay_event.add_seconds(*conn->inst->clock, conn->inst->base.get(),
+                                                       conn, static_cast<long>(delay_ms / 1000));
         return;
     }
     if (conn_logs(conn, TOVRIN_LOG_DEBUG_WORD))

@@ -14,6 +14,7 @@
 #include <unordered_map>
 
 #include "command/var.h"
+#include "daemon/clock.h"
 #include "daemon/event_slot.h"
 #include "daemon/paths.h"
 #include "platform/spawn.h"
@@ -72,11 +73,9 @@ struct tovrin_inst {
     // before the conns so that it outlives every entry that unregisters
     // itself on the way out.
     std::unordered_map<pid_t, tovrin_queued_action *> running_actions;
-    // The monotonic clock behind the up commands' back-off and quick-exit
-    // checks; tests put a fake one here. 0 on success, as clock_gettime.
-    std::function<int(timespec *now)> clock_monotonic = [](timespec *now) {
-        return clock_gettime(CLOCK_MONOTONIC, now);
-    };
+    // Every clock reading and timer goes through here; scenarios and the
+    // simulator put a virtual clock in its place.
+    std::unique_ptr<tovrin_clock> clock = std::make_unique<tovrin_clock>();
     // How children are started and their process groups signalled; tests
     // put fakes here. The platform's calls, as veltrane_proc_execp_nowait_fds
     // and killpg answer.

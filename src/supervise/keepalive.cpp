@@ -14,7 +14,7 @@ void keepalive_add(tovrin_inst *inst) {
     if (inst->globals == nullptr || inst->globals->keepalive <= 0)
         return;
     inst->tovrin_timer.set<tovrin_keepalive>(inst->base.get(), -1, 0, inst);
-    inst->tovrin_timer.add_seconds(inst->globals->keepalive);
+    inst->tovrin_timer.add_seconds(*inst->clock, inst->globals->keepalive);
 }
 
 bool parents_all_up(tovrin_conn *conn) {

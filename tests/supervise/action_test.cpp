@@ -2,8 +2,6 @@
 
 #include "support/test_inst.h"
 
-static void tick_cb(evutil_socket_t, short, void *) {}
-
 // The command line in messages keeps the arguments that fit in 1,023
 // bytes, each after one blank, and stops at the first that does not.
 TEST(Action, CommandLineKeepsTheArgumentsThatFit) {
@@ -36,12 +34,13 @@ TEST(Action, RealChildrenAreDrainedReapedAndForgotten) {
     // Turns the loop until done() holds; false when ten seconds pass first.
     auto wait_for = [&](const std::function<bool()> &done) {
         auto deadline = std::chrono::steady_clock::now() + 10s;
-        for (event_slot tick; !done(); event_base_loop(t.inst.base.get(), EVLOOP_ONCE)) {
+        const timeval tick{0, 20000};
+        while (!done()) {
             if (std::chrono::steady_clock::now() >= deadline)
                 return false;
             t.dispatch();
-            tick.set<tick_cb>(t.inst.base.get(), -1, 0, nullptr);
-            tick.add_timeval(timeval{0, 20000});
+            event_base_loopexit(t.inst.base.get(), &tick);
+            event_base_loop(t.inst.base.get(), 0);
         }
         return true;
     };
