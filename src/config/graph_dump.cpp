@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <ctime>
-#include <iterator>
 #include <memory>
 #include <string>
 
@@ -15,21 +14,9 @@
 #include "supervise/conn.h"
 #include "supervise/inst.h"
 #include "supervise/message.h"
+#include "supervise/state.h"
 
 namespace {
-
-// Fill colours by state, in state order.
-const char *const state_colours[] = {
-    "grey",    "#DDDDFF", "#44A4FF", "#3050FF", "#DCFFCC", "#33FF55",
-    "#119911", "#FFBBBB", "#F08600", "#FF2222", "#7F40FF", "#FF407F",
-};
-
-// The fill colour of a state; null for a state outside the table.
-const char *state_colour(int state) {
-    if (state < 0 || state >= static_cast<int>(std::size(state_colours)))
-        return nullptr;
-    return state_colours[state];
-}
 
 // The conn's name, or "null" for a message's missing sender or recipient.
 const char *name_or_null(const tovrin_conn *conn) {
@@ -108,7 +95,7 @@ void tovrin_graph_node(const tovrin_conn *conn, FILE *out, int cluster) {
         fprintf(out, "\t\"%s\" [style=dotted,color=red];\n", name);
     } else {
         const char *restart = conn->restart_after_stopping != 0 ? "R" : "";
-        const char *colour = state_colour(conn->current_state);
+        const char *colour = tovrin_state_colour(conn->current_state);
         if (colour != nullptr)
             fprintf(out, "\t\"%s\" [style=filled,fillcolor=\"%s\", label=\"\\N\\n%s\"];\n", name,
                     colour, restart);

@@ -182,6 +182,8 @@ int tovrin_config_load(tovrin_inst *inst, tovrin_config_handover handover) {
     inst->config_line = 0;
     if (result == 0) {
         try {
+            if (inst->config_parsed)
+                inst->config_parsed(inst);
             tovrin_config_fixup(inst, handover);
             return 0;
         } catch (const std::bad_alloc &) {

@@ -3,6 +3,7 @@
 #include <sys/time.h>
 
 #include <algorithm>
+#include <cmath>
 #include <tuple>
 
 namespace {
@@ -45,8 +46,16 @@ int tovrin_virtual_clock::arm(event *ev, long seconds) {
     evutil_timersub(&deadline, &wall_now, &after);
     int rc = event_add(ev, &after);
     if (rc == 0)
-        armed_[ev] = armed{due, ++armed_count_};
+        armed_[ev] = armed{due, ++armed_count_, now_};
     return rc;
+}
+
+std::optional<long> tovrin_virtual_clock::due_of_deadline(const timeval &when) const {
+    if (when.tv_sec < anchor_.tv_sec - WALL_TOLERANCE_SECONDS)
+        return std::nullopt;
+    double ahead = static_cast<double>(when.tv_sec - anchor_.tv_sec) +
+                   static_cast<double>(when.tv_usec - anchor_.tv_usec) / 1e6;
+    return std::lround(ahead / WALL_SECONDS_PER_SECOND);
 }
 
 std::optional<long> tovrin_virtual_clock::due(event *ev) {
@@ -64,7 +73,7 @@ std::vector<tovrin_virtual_clock::timer> tovrin_virtual_clock::timers(event_base
         timeval when{};
         if (event_pending(ev, EV_TIMEOUT, &when) != 0)
             static_cast<std::vector<timer> *>(arg)->push_back(
-                {const_cast<event *>(ev), 0, false, 0});
+                {const_cast<event *>(ev), 0, false, 0, 0});
         return 0;
     };
     event_base_foreach_event(base, collect, &out);
@@ -83,6 +92,7 @@ std::vector<tovrin_virtual_clock::timer> tovrin_virtual_clock::timers(event_base
         }
         t.due = found->second.due;
         t.order = found->second.order;
+        t.armed_at = found->second.at;
         still.insert(*found);
     }
     armed_ = std::move(still);
@@ -96,22 +106,81 @@ void tovrin_virtual_clock::fire(event *ev) {
     event_active(ev, EV_TIMEOUT, 1);
 }
 
+std::optional<long> tovrin_virtual_clock::fire_next(event_base *base, long until,
+                                                    const std::function<void()> &settle,
+                                                    bool *wall_timer) {
+    // One pass over the base finds the earliest due time and what is due
+    // then; only those are looked up for their arming order. Sorting every
+    // pending timer, as timers() does, would cost more than the daemon's
+    // own work when thousands of conns test.
+    struct scan {
+        const tovrin_virtual_clock *clock;
+        std::vector<const event *> *seen;
+        std::vector<const event *> earliest;
+        long due = 0;
+        bool wall = false;
+    } found{this, &seen_, {}};
+    seen_.clear();
+    auto visit = [](const event_base *, const event *ev, void *arg) {
+        auto *f = static_cast<scan *>(arg);
+        timeval when{};
+        if (event_pending(ev, EV_TIMEOUT, &when) == 0)
+            return 0;
+        f->seen->push_back(ev);
+        std::optional<long> due = f->clock->due_of_deadline(when);
+        if (!due) {
+            f->wall = true;
+            return 1;
+        }
+        if (f->earliest.empty() || *due < f->due) {
+            f->earliest.clear();
+            f->due = *due;
+        }
+        if (*due == f->due)
+            f->earliest.push_back(ev);
+        return 0;
+    };
+    event_base_foreach_event(base, visit, &found);
+
+    std::vector<std::pair<uint64_t, event *>> batch;
+    for (const event *ev : found.earliest) {
+        auto it = armed_.find(ev);
+        if (it == armed_.end() || it->second.due != found.due) {
+            found.wall = true;  // set on libevent past this clock
+            break;
+        }
+        batch.emplace_back(it->second.order, const_cast<event *>(ev));
+    }
+    *wall_timer = found.wall;
+    if (found.wall || batch.empty() || found.due > until)
+        return std::nullopt;
+    armed_prune(seen_.size());
+    std::sort(batch.begin(), batch.end());
+    now_ = std::max(now_, found.due);
+    for (const auto &[order, ev] : batch)
+        fire(ev);
+    settle();
+    return found.due;
+}
+
+void tovrin_virtual_clock::armed_prune(size_t pending) {
+    if (armed_.size() < 2 * pending + 1024)
+        return;
+    std::unordered_map<const event *, armed> still;
+    for (const event *ev : seen_) {
+        if (auto it = armed_.find(ev); it != armed_.end())
+            still.insert(*it);
+    }
+    armed_ = std::move(still);
+}
+
 bool tovrin_virtual_clock::advance_to(event_base *base, long until,
                                       const std::function<void()> &settle) {
-    for (;;) {
-        std::vector<timer> pending = timers(base);
-        if (!pending.empty() && pending.front().on_wall)
-            return false;
-        if (pending.empty() || pending.front().due > until)
-            break;
-        now_ = std::max(now_, pending.front().due);
-        for (const timer &t : pending) {
-            if (t.due != pending.front().due)
-                break;
-            fire(t.ev);
-        }
-        settle();
+    bool wall = false;
+    while (fire_next(base, until, settle, &wall)) {
     }
+    if (wall)
+        return false;
     now_ = std::max(now_, until);
     return true;
 }

@@ -89,6 +89,10 @@ struct tovrin_inst {
     std::deque<tovrin_msg> message_queue;
     event_slot dispatch_event;
     bool reloading_config = false;
+    // Called with every configuration parsed, before its names are resolved
+    // and it is handed over; the simulator sets its own log masks here.
+    // Empty in the daemon.
+    std::function<void(tovrin_inst *inst)> config_parsed;
     // The line of the configuration file being read, counted from 1; 0
     // outside a load. Lets whoever reads the log say where a message came
     // from.

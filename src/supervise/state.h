@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string_view>
+
 // The twelve states of a conn or group.
 enum tovrin_state {
     TOVRIN_STATE_DOWN = 0,
@@ -20,3 +22,9 @@ constexpr int TOVRIN_N_STATES = 12;
 
 // The published name of a state, "(unknown)" outside the table.
 const char *tovrin_state_name(int state);
+
+// The fill colour the graph dump gives a state; null outside the table.
+const char *tovrin_state_colour(int state);
+
+// The state published as name; -1 for a name no state has.
+int tovrin_state_by_name(std::string_view name);
