@@ -4,6 +4,7 @@
 //                          | wait KEY VALUE [TIMEOUT_MS]
 //                          | watch PATTERN [--for SECONDS] | cmd TEXT
 //                          | status [--watch] [--for SECONDS]
+//                          | record FILE | plot FILE OUT.svg
 //
 // Exit status: 0 done, 1 store unreachable or gone (or get found nothing, or
 // wait timed out), 2 usage error.
@@ -30,6 +31,7 @@
 
 #include "stord/client.h"
 #include "stord/stord_fd.h"
+#include "stord/storectl_timeline.h"
 
 namespace {
 
@@ -54,6 +56,8 @@ int usage() {
                  "       storectl [--socket PATH] watch PATTERN [--for SECONDS]\n"
                  "       storectl [--socket PATH] cmd TEXT\n"
                  "       storectl [--socket PATH] status [--watch] [--for SECONDS]\n"
+                 "       storectl [--socket PATH] record FILE\n"
+                 "       storectl plot FILE OUT.svg\n"
                  "PATH defaults to %s.\n",
                  stord_default_socket);
     return exit_usage;
@@ -368,6 +372,10 @@ int ctl_run(const std::string &socket_path, const std::vector<std::string> &args
         return ctl_watch_args(socket_path, args);
     if (command == "status")
         return ctl_status_args(socket_path, args);
+    if (command == "record" && n == 2)
+        return ctl_record(socket_path, args[1]);
+    if (command == "plot" && n == 3)
+        return ctl_plot(args[1], args[2]);
     return usage();
 }
 
