@@ -390,17 +390,18 @@ void simulator::pump() {
 
 void simulator::settle() {
     event_base *base = inst_.base.get();
+    // At least one turn: settling follows timers just made active.
     for (int turn = 0; turn < SETTLE_TURNS; turn++) {
-        pump();
-        int unread = 0;
-        ioctl(daemon_end_.get(), FIONREAD, &unread);
-        bool idle = inst_.message_queue.empty() && inst_.store_out_queue.empty() &&
-                    inst_.store_rx_state == 0 && unread == 0 && to_daemon_.empty();
         event_base_loop(base, EVLOOP_NONBLOCK);
         if (fault_)
             std::rethrow_exception(fault_);
-        if (idle && inst_.message_queue.empty())
-            return pump();
+        pump();
+        int unread = 0;
+        ioctl(daemon_end_.get(), FIONREAD, &unread);
+        if (event_base_get_num_events(base, EVENT_BASE_COUNT_ACTIVE) == 0 &&
+            inst_.message_queue.empty() && inst_.store_out_queue.empty() &&
+            inst_.store_rx_state == 0 && unread == 0 && to_daemon_.empty())
+            return;
     }
     throw std::runtime_error("the daemon never settled");
 }
