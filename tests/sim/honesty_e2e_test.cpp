@@ -1,0 +1,154 @@
+// The simulator must say what the daemon does: one configuration and one
+// failure, run for real (tovrin-sandbox, stord, tests that are small shell
+// scripts failing while a file says so) and in tovrin-sim, give the same
+// sequence of states for every conn and the same moves of the group. A
+// recording of the real run by storectl record shows the same, and plots.
+
+#include <signal.h>
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <sstream>
+
+#include "sim/timeline.h"
+#include "support/test_inst.h"
+
+namespace {
+
+// A mutex group, so that a failed member stays down instead of flapping at
+// the pace of the wall clock: every state the simulation passes through is
+// then a state the real daemon passes through, in the same order. Timings
+// are seconds, so the real run takes a few.
+const char config[] = R"(global
+	keepalive 60
+
+orderedgroup uplinks
+	member wan1
+	member wan2
+	mutex
+	failforwardperiod 4
+	log none
+
+conn wan1
+	test ROOT/check wan1
+	testdelay 1
+	testperiod 1
+	log none
+
+conn wan2
+	test ROOT/check wan2
+	testdelay 1
+	testperiod 1
+	log none
+
+conn vpn
+	parent uplinks
+	up sleep 3600
+	test ROOT/check vpn
+	testdelay 1
+	testperiod 2
+	log none
+)";
+
+// wan1 fails at 20 s and is healthy again at 23 s, after the failover (two
+// failed runs a second apart) and before the failforward (4 s later).
+const char script[] = R"(at 20 test wan1 fails
+at 23 test wan1 passes
+)";
+
+const strings conns = {"uplinks", "wan1", "wan2", "vpn"};
+
+struct history {
+    std::map<std::string, strings> states;  // by conn
+    strings active;                         // the group's active member, as set
+    int failovers = 0;                      // failover timestamps set
+};
+
+history from_timeline(const std::string &text) {
+    history h;
+    std::istringstream in(text);
+    for (const timeline_event &e : timeline_read(in)) {
+        std::string rest, first = timeline_word(e.text, &rest);
+        if (e.verb == "state")
+            h.states[first].push_back(rest);
+        else if (e.verb == "set" && first == "tovrin.uplinks.active-connection-name")
+            h.active.push_back(rest);
+        else if (e.verb == "set" && first == "tovrin.uplinks.failover-timestamp")
+            h.failovers++;
+    }
+    return h;
+}
+
+// What the daemon sent the store, from the store's journal.
+history from_journal(const e2e_sandbox &s) {
+    history h;
+    for (const std::string &conn : conns)
+        h.states[conn] = s.statuses(conn);
+    std::istringstream journal(s.root.read_file("journal"));
+    for (std::string line; std::getline(journal, line);) {
+        const std::string active = " set tovrin.uplinks.active-connection-name 1 ";
+        if (size_t at = line.find(active); at != std::string::npos)
+            h.active.push_back(line.substr(at + active.size()));
+        if (line.find(" set tovrin.uplinks.failover-timestamp ") != std::string::npos)
+            h.failovers++;
+    }
+    return h;
+}
+
+void expect_same(const history &real, const history &other, const char *what) {
+    for (const std::string &conn : conns)
+        EXPECT_EQ(real.states.at(conn), other.states.at(conn)) << what << ": " << conn;
+    EXPECT_EQ(real.active, other.active) << what;
+    EXPECT_EQ(real.failovers, other.failovers) << what;
+}
+
+TEST(SimHonesty, SimulationAgreesWithTheDaemon) {
+    e2e_sandbox s;
+    s.root.write_file("check", "#!/bin/sh\n[ ! -e \"" + s.root.path() + "/fail-$1\" ]\n");
+    chmod(s.root.file("check").c_str(), 0755);
+    const std::string socket = s.root.file("var/run/stord.sock");
+
+    // The recorder follows the store from before the daemon starts; a key
+    // of its own shows when its watch is in.
+    child_process recorder(
+        {TOVRIN_STORECTL_BIN, "--socket", socket, "record", s.root.file("recorded")},
+        s.root.file("recorder.out"));
+    ASSERT_TRUE(wait_until([&] {
+        s.set("tovrin.probe.ready", "1");
+        return s.root.read_file("recorded").find("tovrin.probe.ready") != std::string::npos;
+    }));
+
+    const std::string conf = replaced(config, "ROOT", s.root.path());
+    s.start(conf);
+    ASSERT_TRUE(s.wait_status("vpn", "up"));
+    s.root.write_file("fail-wan1", "");
+    ASSERT_TRUE(wait_until([&] { return from_journal(s).active.size() == 2; }));
+    // Healthy again before the failforward period ends, as in the script.
+    std::filesystem::remove(s.root.file("fail-wan1"));
+    ASSERT_TRUE(wait_until([&] { return from_journal(s).active.size() == 3; }));
+    ASSERT_TRUE(s.wait_status("vpn", "up"));
+    ASSERT_TRUE(s.wait_status("wan2", "down"));
+    kill(recorder.pid(), SIGINT);
+    EXPECT_EQ(recorder.wait_exit(), 0);
+    s.stop_store();
+    history real = from_journal(s);
+    EXPECT_EQ(real.active, strings({"wan1", "wan2", "wan1"}));
+
+    s.root.write_file("sim.conf", conf);
+    s.root.write_file("what-if", script);
+    child_process sim({TOVRIN_SIM_BIN, s.root.file("what-if"), s.root.file("sim.conf")},
+                      s.root.file("timeline"));
+    ASSERT_EQ(sim.wait_exit(), 0) << s.root.read_file("timeline");
+    expect_same(real, from_timeline(s.root.read_file("timeline")), "simulated");
+
+    std::string recorded = s.root.read_file("recorded");
+    expect_same(real, from_timeline(recorded), "recorded");
+    EXPECT_EQ(recorded.substr(recorded.rfind('\n', recorded.size() - 2) + 1).substr(15), "end\n");
+    child_process plot({TOVRIN_STORECTL_BIN, "plot", s.root.file("recorded"), s.root.file("r.svg")},
+                       s.root.file("plot.out"));
+    EXPECT_EQ(plot.wait_exit(), 0) << s.root.read_file("plot.out");
+    EXPECT_NE(s.root.read_file("r.svg").find("failforward to wan1"), std::string::npos);
+}
+
+}  // namespace
