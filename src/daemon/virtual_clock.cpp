@@ -3,7 +3,6 @@
 #include <sys/time.h>
 
 #include <algorithm>
-#include <cmath>
 #include <tuple>
 
 namespace {
@@ -53,9 +52,10 @@ int tovrin_virtual_clock::arm(event *ev, long seconds) {
 std::optional<long> tovrin_virtual_clock::due_of_deadline(const timeval &when) const {
     if (when.tv_sec < anchor_.tv_sec - WALL_TOLERANCE_SECONDS)
         return std::nullopt;
-    double ahead = static_cast<double>(when.tv_sec - anchor_.tv_sec) +
-                   static_cast<double>(when.tv_usec - anchor_.tv_usec) / 1e6;
-    return std::lround(ahead / WALL_SECONDS_PER_SECOND);
+    // Rounded to the nearest virtual second: libevent's cached clock may
+    // have lagged ours when the timer was added.
+    long ahead = when.tv_sec - anchor_.tv_sec + WALL_SECONDS_PER_SECOND / 2;
+    return ahead < 0 ? 0 : ahead / WALL_SECONDS_PER_SECOND;
 }
 
 std::optional<long> tovrin_virtual_clock::due(event *ev) {
@@ -166,12 +166,10 @@ std::optional<long> tovrin_virtual_clock::fire_next(event_base *base, long until
 void tovrin_virtual_clock::armed_prune(size_t pending) {
     if (armed_.size() < 2 * pending + 1024)
         return;
-    std::unordered_map<const event *, armed> still;
-    for (const event *ev : seen_) {
-        if (auto it = armed_.find(ev); it != armed_.end())
-            still.insert(*it);
-    }
-    armed_ = std::move(still);
+    std::sort(seen_.begin(), seen_.end());
+    std::erase_if(armed_, [this](const auto &entry) {
+        return !std::binary_search(seen_.begin(), seen_.end(), entry.first);
+    });
 }
 
 bool tovrin_virtual_clock::advance_to(event_base *base, long until,

@@ -40,6 +40,8 @@ constexpr uint64_t DAEMON = 1;
 constexpr uint64_t OPERATOR = 2;
 // Pids of simulated children; no real process is ever signalled with them.
 constexpr pid_t FIRST_PID = 1000000;
+// Ended children kept for reuse at most.
+constexpr size_t SPARE_CHILDREN = 1024;
 // Loop turns one settling may take before the daemon is deemed stuck.
 constexpr int SETTLE_TURNS = 1000000;
 
@@ -116,6 +118,14 @@ class simulator {
     void exit_in(sim_child &child, int wait_status, long seconds);
     void signal_child(pid_t pid, int sig);
     bool quiet();
+    // The daemon needs its paths only to read the configuration; without
+    // them it looks for no snapshot marker, a failed open on every message.
+    template <typename F>
+    void with_paths(F &&f) {
+        inst_.paths = &paths_;
+        f();
+        inst_.paths = nullptr;
+    }
 
     const sim_script &script_;
     const sim_settings settings_;
@@ -142,7 +152,10 @@ class simulator {
     sim_answers answers_;
     std::unordered_map<pid_t, std::unique_ptr<sim_child>> children_;
     std::vector<pid_t> unresolved_;                  // spawned since the last pump
-    std::vector<std::unique_ptr<sim_child>> ended_;  // freed outside their own callback
+    std::vector<std::unique_ptr<sim_child>> ended_;  // let go outside their own callback
+    // Ended children kept for the next spawns, their timers with them: a
+    // test run every few seconds per conn would otherwise allocate both.
+    std::vector<std::unique_ptr<sim_child>> spare_;
     pid_t next_pid_ = FIRST_PID;
 
     std::vector<std::unique_ptr<script_batch>> batches_;
@@ -190,7 +203,6 @@ simulator::simulator(const sim_script &script, const sim_settings &settings, FIL
     daemon_end_.reset(pair[0]);
     store_end_.reset(pair[1]);
     log_.emplace(tovrin_log_setup::open_custom(&timeline_log_type, this));
-    inst_.paths = &paths_;
     if (tovrin_inst_init(daemon_end_.get(), &inst_) == nullptr)
         throw std::runtime_error("cannot set up the daemon's instance");
     auto clock = std::make_unique<tovrin_virtual_clock>(0);
@@ -201,8 +213,17 @@ simulator::simulator(const sim_script &script, const sim_settings &settings, FIL
         // The child writes nothing: its output events are never ready.
         *stdout_fd = -1;
         *stderr_fd = -1;
-        auto child = std::make_unique<sim_child>();
-        child->sim = this;
+        std::unique_ptr<sim_child> child;
+        if (spare_.empty()) {
+            child = std::make_unique<sim_child>();
+            child->sim = this;
+        } else {
+            child = std::move(spare_.back());
+            spare_.pop_back();
+            *child = sim_child{this, 0,     false, std::move(child->conn),
+                               -1,   false, 0,     std::move(child->exit_timer)};
+            child->conn.clear();
+        }
         child->pid = next_pid_;
         unresolved_.reserve(unresolved_.size() + 1);
         children_.emplace(next_pid_, std::move(child));
@@ -385,6 +406,13 @@ void simulator::pump() {
     }
     unresolved_.clear();
     flush();
+    for (std::unique_ptr<sim_child> &child : ended_) {
+        if (spare_.size() < SPARE_CHILDREN) {
+            if (child->exit_timer)
+                event_del(child->exit_timer.get());
+            spare_.push_back(std::move(child));
+        }
+    }
     ended_.clear();
 }
 
@@ -433,7 +461,7 @@ void simulator::apply(const sim_event &e) {
             break;
         case sim_event::RELOAD:
             paths_.config_file = e.text;
-            tovrin_config_sighup(-1, EV_SIGNAL, &inst_);
+            with_paths([this] { tovrin_config_sighup(-1, EV_SIGNAL, &inst_); });
             break;
     }
 }
@@ -507,7 +535,7 @@ sim_outcome simulator::run() {
     }
     batches_left_ = batches_.size();
 
-    tovrin_daemon_start(&inst_, [](unsigned) {});
+    with_paths([this] { tovrin_daemon_start(&inst_, [](unsigned) {}); });
     settle();
     if (!parsed_) {
         outcome_.result = sim_outcome::NOT_LOADED;
