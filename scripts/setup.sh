@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 
 # shellcheck disable=SC2086
 scripts/install-packages.sh g++ cmake pkg-config libevent-dev liblog4c-dev libgtest-dev graphviz \
-    mandoc ${SETUP_EXTRA_PACKAGES:-}
+    mandoc librsvg2-bin libxml2-utils ${SETUP_EXTRA_PACKAGES:-}
 
 build=${1:-build}
 shift || true

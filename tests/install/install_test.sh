@@ -13,7 +13,7 @@ DESTDIR="$dest" cmake --install "$build" --prefix /usr > /dev/null
 diff "$(dirname "$0")/golden/tree.txt" <(cd "$dest" && find . -type f | sed 's|^\./||' | LC_ALL=C sort) ||
     { echo "installed tree differs (< expected, > installed)"; exit 1; }
 for program in usr/bin/storectl usr/bin/tovrin-sandbox usr/sbin/stord usr/sbin/tovrin \
-    usr/sbin/tovrin-check usr/share/doc/tovrin/examples/bin/link; do
+    usr/sbin/tovrin-check usr/sbin/tovrin-sim usr/share/doc/tovrin/examples/bin/link; do
     [ -x "$dest/$program" ] || { echo "not executable: $program"; exit 1; }
 done
 
@@ -24,6 +24,11 @@ grep -qx "Requires=stord.service" "$units/tovrin.service"
 
 # The installed checker runs from the tree and finds the shipped example clean.
 "$dest/usr/sbin/tovrin-check" "$dest/usr/share/doc/tovrin/examples/tovrin.conf"
+# The installed simulator runs the shipped example through a failover.
+echo "at 20 test wan1 fails" > "$dest/what-if"
+"$dest/usr/sbin/tovrin-sim" "$dest/what-if" "$dest/usr/share/doc/tovrin/examples/tovrin.conf" |
+    grep -q "set tovrin.uplinks.active-connection-name wan2" ||
+    { echo "the installed simulator did not fail the example over"; exit 1; }
 
 # systemd's own check, where systemd is there. It looks for the programs and
 # pages on this machine, so it gets a second install whose prefix is real;
