@@ -4,7 +4,8 @@
 # coming up in dependency order (live status lines from storectl watch), a
 # failing test restarting its conn, an operator restart, the uplinks failing
 # over and forward again, a reload that restarts only the edited conn, the
-# state dump and the graph, every conn as storectl status shows it, and a
+# state dump and the graph, the same failover simulated by tovrin-sim (its
+# timeline and picture), every conn as storectl status shows it, and a
 # clean stop of everything the daemon started.
 #
 #   scripts/example.sh [--keep]    (--keep leaves the private root for reading)
@@ -133,6 +134,21 @@ done
 sed -n '/^orderedgroup uplinks/,/^$/p' "$root/tmp/tovrin.conf" | sed 's/^/    /'
 dot -Tsvg "$root/tmp/tovrin.dot" -o "$root/tmp/tovrin.svg"
 echo "    graph: $(grep -c -- '->' "$root/tmp/tovrin.dot") edges, rendered to $(wc -c < "$root/tmp/tovrin.svg") bytes of SVG"
+
+# --- the simulator: the same failover on a virtual clock ------------------
+step "tovrin-sim: wan1 failing on a virtual clock, from the same file, in milliseconds"
+cat > "$root/tmp/cable.sim" <<'SCRIPT'
+# wan1's link drops at 30 s and is back at 60 s
+at 30 test wan1 fails
+at 60 test wan1 passes
+SCRIPT
+"$repo/build/tools/tovrin-sim" --svg "$root/tmp/tovrin-sim.svg" "$root/tmp/cable.sim" \
+    "$root/etc/config/tovrin.conf" > "$root/tmp/tovrin-sim.timeline"
+grep -E " (inject |set tovrin.uplinks.active-connection-name |state vpn up$|end$)" \
+    "$root/tmp/tovrin-sim.timeline" | sed 's/^/    /'
+echo "    timeline: $(wc -l < "$root/tmp/tovrin-sim.timeline") lines in $root/tmp/tovrin-sim.timeline"
+echo "    picture:  $root/tmp/tovrin-sim.svg, beside the graph $root/tmp/tovrin.svg"
+# ---------------------------------------------------------------------------
 
 step "what an operator sees: storectl status"
 ctl status | sed 's/^/    /'
