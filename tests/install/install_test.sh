@@ -26,8 +26,9 @@ grep -qx "Requires=stord.service" "$units/tovrin.service"
 "$dest/usr/sbin/tovrin-check" "$dest/usr/share/doc/tovrin/examples/tovrin.conf"
 # The installed simulator runs the shipped example through a failover.
 echo "at 20 test wan1 fails" > "$dest/what-if"
-"$dest/usr/sbin/tovrin-sim" "$dest/what-if" "$dest/usr/share/doc/tovrin/examples/tovrin.conf" |
-    grep -q "set tovrin.uplinks.active-connection-name wan2" ||
+"$dest/usr/sbin/tovrin-sim" "$dest/what-if" "$dest/usr/share/doc/tovrin/examples/tovrin.conf" \
+    > "$dest/timeline"
+grep -q "set tovrin.uplinks.active-connection-name wan2" "$dest/timeline" ||
     { echo "the installed simulator did not fail the example over"; exit 1; }
 
 # systemd's own check, where systemd is there. It looks for the programs and
