@@ -100,3 +100,47 @@ TEST(VirtualClock, ATimerArmedOnTheWallClockIsReported) {
     wall.ev.reset();
     event_base_free(base);
 }
+
+// One batch a step: the earliest due time, every timer due then in arming
+// order, and when each was armed. Timers freed while pending are forgotten
+// without being looked at again (the sanitizer build would see it), however
+// many of them go.
+TEST(VirtualClock, FiresOneBatchAtATimeAndForgetsFreedTimers) {
+    event_base *base = event_base_new();
+    tovrin_virtual_clock clock(0);
+    std::string log;
+    named_timer a{"a", &log, nullptr}, b{"b", &log, nullptr}, c{"c", &log, nullptr};
+    for (named_timer *t : {&a, &b, &c})
+        t->ev.reset(evtimer_new(base, note, t));
+    auto settle = [&] { event_base_loop(base, EVLOOP_NONBLOCK); };
+    clock.arm(c.ev.get(), 7);
+    clock.arm(b.ev.get(), 3);
+    clock.arm(a.ev.get(), 3);
+    for (int i = 0; i < 5000; i++) {
+        event_ptr gone(evtimer_new(base, note, &a));
+        clock.arm(gone.get(), i % 5);
+    }
+
+    bool wall = true;
+    EXPECT_EQ(clock.fire_next(base, 10, settle, &wall), 3);
+    EXPECT_FALSE(wall);
+    EXPECT_EQ(log, "b@a@");
+    EXPECT_EQ(clock.now(), 3);
+    clock.arm(b.ev.get(), 2);
+    auto pending = clock.timers(base);
+    ASSERT_EQ(pending.size(), 2u);
+    EXPECT_EQ(pending[0].ev, b.ev.get());
+    EXPECT_EQ(pending[0].armed_at, 3);
+    EXPECT_EQ(pending[1].armed_at, 0);
+    EXPECT_EQ(clock.fire_next(base, 4, settle, &wall), std::nullopt);  // b is due at 5
+    EXPECT_EQ(clock.fire_next(base, 10, settle, &wall), 5);
+    EXPECT_EQ(clock.fire_next(base, 10, settle, &wall), 7);
+    EXPECT_EQ(clock.fire_next(base, 10, settle, &wall), std::nullopt);
+    EXPECT_FALSE(wall);
+    EXPECT_EQ(log, "b@a@b@c@");
+    EXPECT_EQ(clock.now(), 7);
+
+    for (named_timer *t : {&a, &b, &c})
+        t->ev.reset();
+    event_base_free(base);
+}

@@ -16,10 +16,16 @@
 
 namespace {
 
-// A mutex group, so that a failed member stays down instead of flapping at
-// the pace of the wall clock: every state the simulation passes through is
-// then a state the real daemon passes through, in the same order. Timings
-// are seconds, so the real run takes a few.
+// What cannot agree is when: the real run is driven by the wall clock (the
+// failing file appears whenever the test gets to it, every command takes
+// its milliseconds), the simulation by whole virtual seconds. So times are
+// not compared, nor the failover timestamps' values (wall clock against
+// virtual seconds), only how many were written. A failed member of a plain
+// ordered group restarts until it passes, as often as its test delay
+// allows in however long it stays failed, which is jitter too: the group
+// here is a mutex group, whose failed member stays down, so every state
+// the simulation passes through is one the daemon passes through, in the
+// same order. Timings are seconds, so the real run takes a few.
 const char config[] = R"(global
 	keepalive 60
 

@@ -220,9 +220,11 @@ simulator::simulator(const sim_script &script, const sim_settings &settings, FIL
         } else {
             child = std::move(spare_.back());
             spare_.pop_back();
-            *child = sim_child{this, 0,     false, std::move(child->conn),
-                               -1,   false, 0,     std::move(child->exit_timer)};
+            child->resolved = false;
             child->conn.clear();
+            child->kind = -1;
+            child->ignores_term = false;
+            child->wait_status = 0;
         }
         child->pid = next_pid_;
         unresolved_.reserve(unresolved_.size() + 1);
