@@ -70,6 +70,9 @@ TEST(SimScript, EachVerb) {
 
 TEST(SimScript, EventsInTimeOrderAndTheEnd) {
     sim_script script;
+    // Ten years is the longest time.
+    ASSERT_FALSE(sim_script_parse("at 316224000 cmd z\n", "", &script));
+    EXPECT_EQ(script.events[0].time, 316224000);
     ASSERT_FALSE(sim_script_parse("at 20 cmd b\nend 1h\nat 10 cmd a\nat 20 cmd c\n", "", &script));
     std::string order;
     for (const sim_event &e : script.events)
@@ -90,6 +93,7 @@ TEST(SimScript, ErrorsNameTheirLine) {
         {"at -1 cmd a", 1, "bad time '-1': whole seconds, or with s, m or h"},
         {"at 5d cmd a", 1, "bad time '5d': whole seconds, or with s, m or h"},
         {"at 99999999h cmd a", 1, "bad time '99999999h': whole seconds, or with s, m or h"},
+        {"at 316224001 cmd a", 1, "bad time '316224001': whole seconds, or with s, m or h"},
         {"at 5", 1, "an event must follow the time"},
         {"at 5 # nothing", 1, "an event must follow the time"},
         {"at 5 launch a", 1, "unknown event 'launch'"},

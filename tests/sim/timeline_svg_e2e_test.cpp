@@ -100,6 +100,10 @@ TEST(TimelineSvg, RecordedTimelineKeepsGroupsTogetherAndTellsMovesApart) {
         "1767225690.000 set tovrin.g.active-connection-name a\n"
         "1767225690.000 set tovrin.g.failover-timestamp 1767225690\n"
         "1767225690.000 state x\xc3\xa9<y up\n"
+        "1767225690.000 set tovrin.h.connection-names z\n"
+        "1767225700.000 del tovrin.h.status\n"
+        "1767225700.000 del tovrin.b.status\n"
+        "1767225710.000 del tovrin.b.status\n"
         "junk line\n"
         "1767225720.000 end\n";
     std::istringstream in(recorded);
@@ -120,6 +124,8 @@ TEST(TimelineSvg, RecordedTimelineKeepsGroupsTogetherAndTellsMovesApart) {
     EXPECT_LT(at("reload new.conf"), static_cast<long>(t.size()));
     EXPECT_LT(at("2:00"), static_cast<long>(t.size()));
     EXPECT_EQ(at("2:30"), static_cast<long>(t.size()));  // ends at the end line
+    // A deleted status ends its conn's band there, once.
+    EXPECT_NE(svg.find("<title>b: down from 0:00 to 1:40</title>"), std::string::npos);
 }
 
 }  // namespace
