@@ -115,7 +115,7 @@ stord_session stord_client::session(const std::string &name) {
 }
 
 void stord_client::watch_sessions() {
-    send_body(std::to_string(stord_type_watch_sessions));
+    send_body(std::to_string(stord_type_session_watch));
 }
 
 std::optional<std::pair<std::string, std::string>> stord_client::next_notification(
@@ -247,7 +247,7 @@ std::string stord_client::await_reply(int type) {
         int got = type_of(*body);
         if (got == type)
             return std::move(*body);
-        if (got == stord_type_notify || got == stord_type_session_change)
+        if (got == stord_type_notify || got == stord_type_session_event)
             kept_.push_back(std::move(*body));
     }
 }

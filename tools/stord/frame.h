@@ -29,39 +29,39 @@ inline constexpr const char *stord_default_socket = "/var/run/stord.sock";
 // a disconnect in the middle of a frame) is dropped, with one line on stderr
 // and one in the journal; nothing it sent from that frame on is applied.
 enum stord_frame_type : int {
-    stord_type_set = 1,              // key, flag, value (the value may hold 0x1E)
-    stord_type_subscribe = 2,        // client name, key
-    stord_type_unsubscribe = 3,      // client name, key
-    stord_type_notify = 8,           // key, flag, change number, value (store to subscriber)
-    stord_type_delete = 9,           // key
-    stord_type_get = 20,             // key
-    stord_type_get_reply = 21,       // key, 1, value  or  key, 0
-    stord_type_dump = 22,            // no fields
-    stord_type_dump_reply = 23,      // key1, value1, key2, value2 ... sorted by key; a value
-                                     // holding 0x1E makes the reply ambiguous
-    stord_type_sync = 24,            // no fields; answered once everything before it is applied
-    stord_type_sync_reply = 25,      // no fields
-    stord_type_count = 26,           // key
-    stord_type_count_reply = 27,     // key, number of subscriptions to it over all connections
-    stord_type_watch_pattern = 28,   // fnmatch pattern (no flags); no reply. From then on, for
-                                     // the life of the connection, every set of a matching key
-                                     // sends it one type-8 notification however many of its
-                                     // patterns match (on top of any its subscriptions cause).
-                                     // Current values are not sent; a key or pattern holding
-                                     // a NUL byte never matches.
-    stord_type_session = 29,         // client name
-    stord_type_session_reply = 30,   // client name, state, since, then the keys the session
-                                     // set that still hold a value, sorted. A connection takes
-                                     // the client name of its first subscribe or unsubscribe;
-                                     // the latest to take a name holds its session. State is
-                                     // "connected" (since: when it took the name), "gone"
-                                     // (since: when it went; the keys are those it had set)
-                                     // or "unknown" (no connection ever took it; since 0).
-                                     // Times are seconds since the epoch.
-    stord_type_watch_sessions = 31,  // no fields; no reply. From then on, for the life of the
-                                     // connection, a type-32 frame each time a connection
-                                     // takes a client name or one holding a session goes.
-    stord_type_session_change = 32,  // client name, state, since (store to watcher)
+    stord_type_set = 1,             // key, flag, value (the value may hold 0x1E)
+    stord_type_subscribe = 2,       // client name, key
+    stord_type_unsubscribe = 3,     // client name, key
+    stord_type_notify = 8,          // key, flag, change number, value (store to subscriber)
+    stord_type_delete = 9,          // key
+    stord_type_get = 20,            // key
+    stord_type_get_reply = 21,      // key, 1, value  or  key, 0
+    stord_type_dump = 22,           // no fields
+    stord_type_dump_reply = 23,     // key1, value1, key2, value2 ... sorted by key; a value
+                                    // holding 0x1E makes the reply ambiguous
+    stord_type_sync = 24,           // no fields; answered once everything before it is applied
+    stord_type_sync_reply = 25,     // no fields
+    stord_type_count = 26,          // key
+    stord_type_count_reply = 27,    // key, number of subscriptions to it over all connections
+    stord_type_watch_pattern = 28,  // fnmatch pattern (no flags); no reply. From then on, for
+                                    // the life of the connection, every set of a matching key
+                                    // sends it one type-8 notification however many of its
+                                    // patterns match (on top of any its subscriptions cause).
+                                    // Current values are not sent; a key or pattern holding
+                                    // a NUL byte never matches.
+    stord_type_session = 29,        // client name
+    stord_type_session_reply = 30,  // client name, state, since, then the keys the session
+                                    // set that still hold a value, sorted. A connection takes
+                                    // the client name of its first subscribe or unsubscribe;
+                                    // the latest to take a name holds its session. State is
+                                    // "connected" (since: when it took the name), "gone"
+                                    // (since: when it went; the keys are those it had set)
+                                    // or "unknown" (no connection ever took it; since 0).
+                                    // Times are seconds since the epoch.
+    stord_type_session_watch = 31,  // no fields; no reply. From then on, for the life of the
+                                    // connection, a type-32 frame each time a connection
+                                    // takes a client name or one holding a session goes.
+    stord_type_session_event = 32,  // client name, state, since (store to watcher)
 };
 
 // A type-8 notification as the connection manager's reader splits it.

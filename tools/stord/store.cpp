@@ -60,7 +60,7 @@ std::optional<std::string> stord_store::handle(std::uint64_t conn, std::string_v
             break;
         case stord_type_dump:
         case stord_type_sync:
-        case stord_type_watch_sessions:
+        case stord_type_session_watch:
             want = 1;
             key_at = 0;
             break;
@@ -147,7 +147,7 @@ std::optional<std::string> stord_store::handle(std::uint64_t conn, std::string_v
             journal_write(conn, {"session", key});
             handle_session(conn, key, out);
             break;
-        case stord_type_watch_sessions:
+        case stord_type_session_watch:
             journal_write(conn, {"watch-sessions"});
             session_watchers_.insert(conn);
             break;
@@ -267,7 +267,7 @@ void stord_store::session_changed(const std::string &name, const session &s,
     if (session_watchers_.empty())
         return;
     std::string frame = stord_frame_encode(
-        stord_frame_join({std::to_string(stord_type_session_change), name,
+        stord_frame_join({std::to_string(stord_type_session_event), name,
                           s.conn != 0 ? "connected" : "gone", std::to_string(s.since)}));
     for (std::uint64_t watcher : session_watchers_)
         out.push_back({watcher, frame});

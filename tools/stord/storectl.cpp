@@ -143,7 +143,7 @@ int watch_loop(stord_client &client, const std::string &pattern, bool sessions,
         watch_batch batch;
         while (auto body = client.next_frame(0ms)) {
             auto type = stord_frame_parse_uint(stord_frame_split(*body, 2)[0]);
-            if (type == stord_type_session_change) {
+            if (type == stord_type_session_event) {
                 batch.sessions_changed = true;
             } else if (type == stord_type_notify) {
                 auto n = stord_frame_split_notification(*body);
