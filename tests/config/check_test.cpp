@@ -36,6 +36,7 @@ TEST(Check, ReportsEveryProblemWithItsLine) {
     temp_dir dir;
     const std::string d = dir.path();
     dir.write_file("dir/x", "");
+    dir.write_file("plain", "");
     dir.write_file("t.conf",
                    "conn wan\n\tstart /bin/echo %gw% %gw% %local:peer%\n\tparent ghost\n"
                    "\tfile-dependency " +
@@ -43,14 +44,14 @@ TEST(Check, ReportsEveryProblemWithItsLine) {
                        "/dir\n\tvar peer 10.0.0.1\n"
                        "conn vpn\n\tparent wan\n\tparent tunnel\n"  // 7
                        "\ttest /bin/echo %first:ip%\nconn tunnel\n\tparent vpn\n"
-                       // Programs: not on PATH, not there, not a file; one
-                       // that only a variable names is left alone.
-                       "\tstart no-such-program-anywhere up\n\ttest \"" +  // 13
-                       d +
-                       "/missing\" now\n\tstop " + d +
+                       // Programs: not on PATH, not executable, not there,
+                       // not a file; one only a variable names is left alone.
+                       "\tstart no-such-program-anywhere up\n\tstart " +
+                       d +  // 13
+                       "/plain\n\ttest \"" + d + "/missing\" now\n\tstop " + d +
                        "/dir\n\tvar tool /no/such/tool\n\tup  \"%tool%\" run\n"
-                       "conn wan\norderedgroup uplinks\n\tmember wan\n\tmember lte\n"  // 18
-                       "anygroup backup\n\tmember wan\nanygroup nobody\n");            // 22
+                       "conn wan\norderedgroup uplinks\n\tmember wan\n\tmember lte\n"  // 19
+                       "anygroup backup\n\tmember wan\nanygroup nobody\n");            // 23
     check_output got = run_check(dir.file("t.conf"));
     EXPECT_EQ(got.status, TOVRIN_CHECK_WARNINGS);
     EXPECT_EQ(replaced(got.report, d, "ROOT"), test_file("config/golden/check_report.txt"));

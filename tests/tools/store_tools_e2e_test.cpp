@@ -57,12 +57,23 @@ TEST(StoreTools, StorectlSubcommandsAndTheirStatuses) {
         "wan   down\n";
     EXPECT_EQ(storectl(s, {"status"}), result(0, table));
 
-    // A watch redraws when the daemon goes, with its last words marked.
+    // A watch redraws ...
     s.root.write_file("watch.out", "");
     child_process watch(
         {TOVRIN_STORECTL_BIN, "--socket", s.root.file("var/run/stord.sock"), "status", "--watch"},
         s.root.file("watch.out"));
     ASSERT_TRUE(wait_until([&] { return s.root.read_file("watch.out") == table; }));
+    // ... when a key of the daemon changes,
+    daemon->set("tovrin.wan.status", "up");
+    const std::string wan_up =
+        "\nNAME  STATE             ACTIVE  FAILED OVER\n"
+        "a.b   waiting to start\n"
+        "up    up                wan     2026-11-18 11:06:40\n"
+        "wan   up\n";
+    ASSERT_TRUE(wait_until([&] { return s.root.read_file("watch.out") == table + wan_up; }));
+    daemon->set("tovrin.wan.status", "down");
+    ASSERT_TRUE(wait_until([&] { return s.root.read_file("watch.out").ends_with(table); }));
+    // ... and when the daemon goes, with its last words marked.
     daemon.reset();
     const std::string was =
         "NAME  STATE                 ACTIVE  FAILED OVER\n"
@@ -73,10 +84,17 @@ TEST(StoreTools, StorectlSubcommandsAndTheirStatuses) {
     kill(watch.pid(), SIGTERM);
     EXPECT_EQ(watch.wait_exit(), 0);
     std::string redrawn = s.root.read_file("watch.out");
-    EXPECT_EQ(redrawn.substr(0, table.size() + 1 + gone_line.size()), table + "\n" + gone_line);
+    const size_t gone_at = 2 * (table.size() + 1) + wan_up.size();
+    EXPECT_EQ(redrawn.substr(gone_at - 1, 1 + gone_line.size()), "\n" + gone_line);
     EXPECT_EQ(redrawn.find(last_words + was), redrawn.size() - last_words.size() - was.size());
-    EXPECT_EQ(storectl(s, {"status", "--watch", "--for", "0.1"}).second,
-              redrawn.substr(table.size() + 1));
+    EXPECT_EQ(storectl(s, {"status", "--watch", "--for", "0.1"}).second, redrawn.substr(gone_at));
+
+    // A session asked for without a name is refused like any bad frame.
+    stord_client nameless(s.root.file("var/run/stord.sock"));
+    nameless.send_raw(stord_frame_encode("29\x1e"));
+    EXPECT_TRUE(nameless.wait_closed(10s));
+    EXPECT_NE(s.root.read_file("stord.out").find("dropped: empty client name"), std::string::npos)
+        << s.root.read_file("stord.out");
 
     EXPECT_EQ(storectl(s, {"bogus"}).first, 2);
     kill(s.store->pid(), SIGTERM);
