@@ -31,6 +31,7 @@ TEST(StoreTools, StorectlSubcommandsAndTheirStatuses) {
     EXPECT_EQ(storectl(s, {"dump"}),
               result(0, "a=hello world\nconfig.tovrin.command=wan,cli,restart\n"));
     EXPECT_EQ(storectl(s, {"del", "a"}), result(0, ""));
+    EXPECT_EQ(storectl(s, {"get", "a"}), result(1, ""));
 
     // status: keys nobody connected as tovrin set are not the daemon's.
     storectl(s, {"set", "tovrin.old.status", "up"});
@@ -95,6 +96,27 @@ TEST(StoreTools, StorectlSubcommandsAndTheirStatuses) {
     EXPECT_TRUE(nameless.wait_closed(10s));
     EXPECT_NE(s.root.read_file("stord.out").find("dropped: empty client name"), std::string::npos)
         << s.root.read_file("stord.out");
+
+    // The latest connection to take the name holds the session: an earlier
+    // one subscribing again does not take it back, and its going changes
+    // nothing.
+    const std::string socket = s.root.file("var/run/stord.sock");
+    auto first = std::make_optional<stord_client>(socket, "tovrin");
+    stord_client second(socket, "tovrin");
+    first->subscribe("k");
+    first->set("tovrin.first.status", "up");
+    first->sync();
+    second.subscribe("k");
+    second.set("tovrin.second.status", "up");
+    second.sync();
+    first->subscribe("k2");
+    first->sync();
+    const result second_only(0, "NAME    STATE  ACTIVE  FAILED OVER\nsecond  up\n");
+    EXPECT_EQ(storectl(s, {"status"}), second_only);
+    first.reset();
+    // Gone once its subscription is.
+    ASSERT_TRUE(wait_until([&] { return second.count_subscriptions("k") == 1; }));
+    EXPECT_EQ(storectl(s, {"status"}), second_only);
 
     EXPECT_EQ(storectl(s, {"bogus"}).first, 2);
     kill(s.store->pid(), SIGTERM);
