@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Installs those of the named Debian packages that are missing, with
 # apt-get through sudo when not run as root; quiet when nothing is missing.
-# Options before the names go to apt-get install.
+# PACKAGE=VERSION asks for that version exactly (one installed at another
+# version counts as missing). Options before the names go to apt-get install.
 #
-#   scripts/install-packages.sh [--apt-option...] PACKAGE...
+#   scripts/install-packages.sh [--apt-option...] PACKAGE[=VERSION]...
 set -euo pipefail
 options=()
 while [ $# -gt 0 ] && [ "${1#-}" != "$1" ]; do
@@ -12,7 +13,11 @@ while [ $# -gt 0 ] && [ "${1#-}" != "$1" ]; do
 done
 missing=()
 for p in "$@"; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+    want="install ok installed"
+    [ "${p#*=}" = "$p" ] || want="$want ${p#*=}"
+    [ "$(dpkg-query -W -f='${Status} ${Version}' "${p%%=*}" 2>/dev/null)" = "$want" ] ||
+        [ "$(dpkg-query -W -f='${Status}' "${p%%=*}" 2>/dev/null)" = "$want" ] ||
+        missing+=("$p")
 done
 [ ${#missing[@]} -gt 0 ] || exit 0
 echo "setup: installing ${missing[*]}"

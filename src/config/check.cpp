@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -20,6 +22,7 @@
 #include "config/fixup.h"
 #include "config/graph_dump.h"
 #include "config/load.h"
+#include "daemon/child_env.h"
 #include "daemon/log.h"
 #include "daemon/paths.h"
 #include "platform/unique_fd.h"
@@ -114,26 +117,45 @@ class finder {
     void undefined_names();
     void shared_members();
     void empty_groups();
-    void unresolved_variables();
+    // What each command's tokens say: references nothing answers, and a
+    // program that cannot be found.
+    void commands();
     void unreadable_files();
     void parent_cycles();
 
   private:
     void say(const tovrin_conn *where, const char *format, ...)
         __attribute__((format(printf, 3, 4)));
+    void say_at(int line, const char *format, ...) __attribute__((format(printf, 3, 4)));
+    void say_args(int line, const char *format, va_list args);
+    void program_missing(const tovrin_conn &conn, const char *word, const tovrin_action &action,
+                         const std::string &program);
     void parent_cycles_from(const tovrin_conn *start,
                             std::unordered_map<const tovrin_conn *, int> &colour);
 
     check_log &log_;
     tovrin_inst *inst_;
+    // The PATH the daemon's children search, made from the checker's own.
+    std::string child_path_ = tovrin_child_env_path(getenv("PATH"));
 };
 
 void finder::say(const tovrin_conn *where, const char *format, ...) {
-    log_.write_prefix(where != nullptr ? where->config_line : 0);
     va_list args;
     va_start(args, format);
-    vfprintf(log_.report, format, args);
+    say_args(where != nullptr ? where->config_line : 0, format, args);
     va_end(args);
+}
+
+void finder::say_at(int line, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    say_args(line, format, args);
+    va_end(args);
+}
+
+void finder::say_args(int line, const char *format, va_list args) {
+    log_.write_prefix(line);
+    vfprintf(log_.report, format, args);
     fputc('\n', log_.report);
     log_.warnings++;
 }
@@ -186,7 +208,62 @@ void finder::empty_groups() {
     }
 }
 
-void finder::unresolved_variables() {
+// Whether a command's first token begins with a %reference%: its program is
+// only known once the reference is expanded at run time, maybe from the store.
+bool program_is_variable(const std::string &command) {
+    size_t at = command.find_first_not_of(" \t");
+    if (at != std::string::npos && (command[at] == '"' || command[at] == '\''))
+        at++;
+    return at < command.size() && command[at] == '%';
+}
+
+// Whether path names a regular file this process may execute.
+bool program_runs(const std::string &path, int *error) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0 || access(path.c_str(), X_OK) != 0) {
+        *error = errno;
+        return false;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        *error = EACCES;
+        return false;
+    }
+    return true;
+}
+
+// Searches for program as the daemon's spawning does: a name with a slash
+// is taken as it is, any other is looked for in each directory of path (an
+// empty entry being the current directory).
+bool program_found(const std::string &program, const std::string &path, int *error) {
+    if (program.find('/') != std::string::npos)
+        return program_runs(program, error);
+    for (size_t start = 0;;) {
+        size_t end = path.find(':', start);
+        std::string dir = path.substr(start, end == std::string::npos ? end : end - start);
+        if (program_runs((dir.empty() ? "." : dir) + "/" + program, error))
+            return true;
+        if (end == std::string::npos)
+            return false;
+        start = end + 1;
+    }
+}
+
+void finder::program_missing(const tovrin_conn &conn, const char *word, const tovrin_action &action,
+                             const std::string &program) {
+    if (program_is_variable(action.command))
+        return;
+    int error = 0;
+    if (program_found(program, child_path_, &error))
+        return;
+    if (program.find('/') == std::string::npos)
+        say_at(action.config_line, "%s %s: %s program %s is not found on PATH", kind_word(conn),
+               conn.name.c_str(), word, program.c_str());
+    else
+        say_at(action.config_line, "%s %s: %s program %s cannot be run: %s", kind_word(conn),
+               conn.name.c_str(), word, program.c_str(), strerror(error));
+}
+
+void finder::commands() {
     struct action_kind {
         const char *word;
         tovrin_action_list tovrin_conn::*actions;
@@ -198,25 +275,28 @@ void finder::unresolved_variables() {
         {"up", &tovrin_conn::up_actions},
     };
     for (tovrin_conn &conn : inst_->conns) {
-        // What the tokenizer says about a command belongs to its conn.
-        inst_->config_line = conn.config_line;
         for (const action_kind &kind : kinds) {
             for (const auto &action : conn.*kind.actions) {
+                // What the tokenizer says about a command belongs to its line.
+                inst_->config_line = action->config_line;
                 std::vector<std::string> unresolved;
-                str2argv(&conn, action->command.c_str(), &unresolved);
+                std::unique_ptr<parsed_argv> args =
+                    str2argv(&conn, action->command.c_str(), &unresolved);
+                inst_->config_line = 0;
                 for (size_t i = 0; i < unresolved.size(); i++) {
                     const std::string &name = unresolved[i];
                     if (std::find(unresolved.begin(), unresolved.begin() + i, name) !=
                         unresolved.begin() + i)
                         continue;
-                    say(&conn,
-                        "%s %s: %s command refers to %%%s%%, which no conn on its search "
-                        "path defines",
-                        kind_word(conn), conn.name.c_str(), kind.word, name.c_str());
+                    say_at(action->config_line,
+                           "%s %s: %s command refers to %%%s%%, which no conn on its search "
+                           "path defines",
+                           kind_word(conn), conn.name.c_str(), kind.word, name.c_str());
                 }
+                if (args != nullptr && args->argc > 0)
+                    program_missing(conn, kind.word, *action, args->argv[0]);
             }
         }
-        inst_->config_line = 0;
     }
 }
 
@@ -327,7 +407,7 @@ int check_file(const tovrin_check_request &request, check_log &log, FILE *out) {
     find.undefined_names();
     find.shared_members();
     find.empty_groups();
-    find.unresolved_variables();
+    find.commands();
     find.unreadable_files();
     find.parent_cycles();
     if (request.dot)

@@ -83,6 +83,7 @@ int add_action(tovrin_conn *conn, const config_clause &clause, int type) {
         tovrin_action_new(rest_of_line(clause.line_copy, clause.tokens[0]), type);
     try {
         if (action != nullptr) {
+            action->config_line = conn->inst->config_line;
             lists[type]->push_back(std::move(action));
             return 0;
         }

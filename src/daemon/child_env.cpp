@@ -25,12 +25,16 @@ std::string default_path() {
 
 }  // namespace
 
+std::string tovrin_child_env_path(const char *current) {
+    std::string path = current != nullptr ? current : default_path();
+    path += ':';
+    path += helpers_dir;
+    return path;
+}
+
 void tovrin_child_env_extend() {
     try {
-        const char *current = getenv("PATH");
-        std::string path = current != nullptr ? current : default_path();
-        path += ':';
-        path += helpers_dir;
+        std::string path = tovrin_child_env_path(getenv("PATH"));
         if (setenv("PATH", path.c_str(), 1) != 0)
             tovrin_log(TOVRIN_LOG_ERROR, "failed to add tovrin helpers to path");
     } catch (const std::bad_alloc &) {

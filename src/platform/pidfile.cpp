@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "platform/unique_fd.h"
 
@@ -56,6 +57,35 @@ pid_t pidfile_read(const std::string &path) {
     return pid;
 }
 
+// Whether the live process pid runs a program called name, or one of its
+// variants called name-something (the sandbox build of a daemon). The pid
+// of a process that died without removing its pid file is soon given to an
+// unrelated one, which must not keep the daemon from starting. A name that
+// cannot be read for any reason other than the process being gone counts
+// as ours: refusing to start is the safe side.
+bool pid_runs(pid_t pid, const char *name) {
+    std::string path = "/proc/" + std::to_string(pid) + "/comm";
+    unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (!fd)
+        return errno != ENOENT && errno != ESRCH;
+    char comm[64];
+    ssize_t n;
+    do
+        n = read(fd.get(), comm, sizeof comm);
+    while (n < 0 && errno == EINTR);
+    if (n < 0)
+        return errno != ESRCH;
+    std::string_view running(comm, static_cast<size_t>(n));
+    if (!running.empty() && running.back() == '\n')
+        running.remove_suffix(1);
+    // The kernel keeps 15 bytes of the name, so compare only what it keeps.
+    std::string_view wanted(name);
+    if (wanted.size() > 15)
+        wanted = wanted.substr(0, 15);
+    return running == wanted || (running.size() > wanted.size() && running.starts_with(wanted) &&
+                                 running[wanted.size()] == '-');
+}
+
 }  // namespace
 
 int veltrane_pidfile_valid(const char *run_dir, const char *name) {
@@ -65,10 +95,10 @@ int veltrane_pidfile_valid(const char *run_dir, const char *name) {
     pid_t pid = pidfile_read(path);
     if (pid == 0 || pid == getpid())
         return 1;
-    // EPERM is a live process of another user: it still holds the file.
+    // EPERM is a live process of another user: it may still hold the file.
     if (kill(pid, 0) != 0 && errno == ESRCH)
         return 1;
-    return 0;
+    return pid_runs(pid, name) ? 0 : 1;
 }
 
 int veltrane_pidfile_create(const char *run_dir, const char *name) {

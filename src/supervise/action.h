@@ -25,6 +25,7 @@ enum tovrin_action_type {
 // One configured command of a conn, in configuration order.
 struct tovrin_action {
     int type = TOVRIN_ACTION_START;
+    int config_line = 0;           // line of its clause in the file it came from
     std::string command;           // as configured, trailing line break included
     int restarts = 0;              // up commands: abnormal exits counted against maxrestarts
     int64_t last_failure_sec = 0;  // up commands: monotonic time of the last abnormal exit

@@ -36,15 +36,22 @@ TEST(Check, ReportsEveryProblemWithItsLine) {
     temp_dir dir;
     const std::string d = dir.path();
     dir.write_file("dir/x", "");
+    dir.write_file("plain", "");
     dir.write_file("t.conf",
-                   "conn wan\n\tstart /bin/ping %gw% %gw% %local:peer%\n\tparent ghost\n"
+                   "conn wan\n\tstart /bin/echo %gw% %gw% %local:peer%\n\tparent ghost\n"
                    "\tfile-dependency " +
                        d + "/missing\n\tfile-dependency " + d +
                        "/dir\n\tvar peer 10.0.0.1\n"
                        "conn vpn\n\tparent wan\n\tparent tunnel\n"  // 7
                        "\ttest /bin/echo %first:ip%\nconn tunnel\n\tparent vpn\n"
-                       "conn wan\norderedgroup uplinks\n\tmember wan\n\tmember lte\n"  // 13
-                       "anygroup backup\n\tmember wan\nanygroup nobody\n");            // 17
+                       // Programs: not on PATH, not executable, not there,
+                       // not a file; one only a variable names is left alone.
+                       "\tstart no-such-program-anywhere up\n\tstart " +
+                       d +  // 13
+                       "/plain\n\ttest \"" + d + "/missing\" now\n\tstop " + d +
+                       "/dir\n\tvar tool /no/such/tool\n\tup  \"%tool%\" run\n"
+                       "conn wan\norderedgroup uplinks\n\tmember wan\n\tmember lte\n"  // 19
+                       "anygroup backup\n\tmember wan\nanygroup nobody\n");            // 23
     check_output got = run_check(dir.file("t.conf"));
     EXPECT_EQ(got.status, TOVRIN_CHECK_WARNINGS);
     EXPECT_EQ(replaced(got.report, d, "ROOT"), test_file("config/golden/check_report.txt"));
@@ -84,8 +91,14 @@ TEST(Check, ExitStatusSaysWhatTheDaemonWouldDo) {
     EXPECT_EQ(missing.report,
               report(dir.file("none.conf"),
                      {": Config path " + dir.file("none.conf") + " doesn't exist..."}));
-    // --dot draws the graph as it stands before anything runs: all grey.
-    check_output example = run_check(TOVRIN_TEST_DIR "/../examples/tovrin.conf", "", true);
+    // The example with its paths filled in as an install fills them: its
+    // programs are found. --dot draws the graph as it stands before anything
+    // runs: all grey.
+    dir.write_file("example.conf",
+                   replaced(replaced(test_file("../examples/tovrin.conf"), "@EXAMPLE_DIR@",
+                                     TOVRIN_TEST_DIR "/../examples"),
+                            "@STATE_DIR@", dir.path()));
+    check_output example = run_check(dir.file("example.conf"), "", true);
     EXPECT_EQ(example.report, "");
     EXPECT_EQ(example.status, TOVRIN_CHECK_CLEAN);
     EXPECT_NE(example.out.find("digraph G {\n\tcompound=true;\n"), std::string::npos);
@@ -119,7 +132,7 @@ TEST(Check, ExitStatusSaysWhatTheDaemonWouldDo) {
 TEST(Check, SurvivesAnySingleAllocationFailure) {
     temp_dir dir;
     dir.write_file("t.conf",
-                   "conn wan\n\tstart /bin/ping %gw%\nconn vpn-with-a-long-name\n"
+                   "conn wan\n\tstart /bin/echo %gw%\nconn vpn-with-a-long-name\n"
                    "\tparent wan\n\tparent ghost-with-a-long-name\n");
     const tovrin_check_request request{dir.file("t.conf"), "", false};
     bool said = false;

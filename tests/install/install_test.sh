@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs a build under /usr into a scratch DESTDIR and checks the tree an
 # operator gets: every file in its place and nothing else, programs that run
-# from there, and units that name them and that systemd accepts.
+# from there, an example that needs no editing, and units that name them,
+# that systemd accepts and whose sandboxing it rates as intended.
 #
 #   install_test.sh BUILD_DIR
 set -euo pipefail
@@ -20,28 +21,47 @@ done
 units="$dest/usr/lib/systemd/system"
 grep -qx "ExecStart=/usr/sbin/tovrin" "$units/tovrin.service"
 grep -qx "ExecStart=/usr/sbin/stord" "$units/stord.service"
-grep -qx "Requires=stord.service" "$units/tovrin.service"
+grep -qx "BindsTo=stord.service" "$units/tovrin.service"
+grep -qx "ListenStream=/run/stord.sock" "$units/stord.socket"
+example="$dest/usr/share/doc/tovrin/examples"
+grep -qx "	start /usr/share/doc/tovrin/examples/bin/link up wan1" "$example/tovrin.conf"
+# Nothing installed is left a template.
+if grep -rn '@[A-Za-z_]*@' "$units" "$example"; then
+    echo "placeholders left in the installed tree"
+    exit 1
+fi
 
-# The installed checker runs from the tree and finds the shipped example clean.
-"$dest/usr/sbin/tovrin-check" "$dest/usr/share/doc/tovrin/examples/tovrin.conf"
+# A second install whose prefix is real on this machine: its example names
+# programs that are there, and systemd can look for the units' programs and
+# pages.
+cmake --install "$build" --prefix "$dest/real/usr" > /dev/null
+real="$dest/real/usr/lib/systemd/system"
+
+# The installed checker runs from the tree and finds the shipped example
+# clean, its programs included.
+"$dest/real/usr/sbin/tovrin-check" "$dest/real/usr/share/doc/tovrin/examples/tovrin.conf"
 # The installed simulator runs the shipped example through a failover.
 echo "at 20 test wan1 fails" > "$dest/what-if"
-"$dest/usr/sbin/tovrin-sim" "$dest/what-if" "$dest/usr/share/doc/tovrin/examples/tovrin.conf" \
+"$dest/real/usr/sbin/tovrin-sim" "$dest/what-if" "$dest/real/usr/share/doc/tovrin/examples/tovrin.conf" \
     > "$dest/timeline"
 grep -q "set tovrin.uplinks.active-connection-name wan2" "$dest/timeline" ||
     { echo "the installed simulator did not fail the example over"; exit 1; }
 
-# systemd's own check, where systemd is there. It looks for the programs and
-# pages on this machine, so it gets a second install whose prefix is real;
-# it only warns about unknown keys, so any word from it fails.
+# systemd's own check, where systemd is there. It only warns about unknown
+# keys, so any word from it fails. The store must stay at an exposure of at
+# most 2.0 and the daemon, which keeps what its commands need, at most 9.2.
 if command -v systemd-analyze > /dev/null; then
-    cmake --install "$build" --prefix "$dest/real/usr" > /dev/null
-    real="$dest/real/usr/lib/systemd/system"
     said=$(MANPATH="$dest/real/usr/share/man" systemd-analyze verify \
-        "$real/stord.service" "$real/tovrin.service" 2>&1) || true
+        "$real/stord.socket" "$real/stord.service" "$real/tovrin.service" 2>&1) || true
     if [ -n "$said" ]; then
         echo "$said"
         exit 1
     fi
+    for limit in stord.service:20 tovrin.service:92; do
+        unit=${limit%:*}
+        systemd-analyze security --offline=true --threshold="${limit#*:}" "$real/$unit" \
+            > "$dest/security.txt" 2>&1 ||
+            { cat "$dest/security.txt"; echo "$unit is exposed beyond its limit"; exit 1; }
+    done
 fi
 echo "install tree and units are as expected"

@@ -2,7 +2,11 @@
 // them.
 
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
+#include "platform/unique_fd.h"
+#include "stord/client.h"
 #include "support/test_inst.h"
 
 using result = std::pair<int, std::string>;
@@ -14,6 +18,10 @@ static result storectl(e2e_sandbox &s, strings args) {
     return {ctl.wait_exit().value_or(-1), s.root.read_file("ctl.out")};
 }
 
+// The line storectl status puts above the last words of a daemon that went.
+static const std::string gone_line = "tovrin is not connected to the store (gone since ";
+static const std::string last_words = "); the states below are its last words\n";
+
 TEST(StoreTools, StorectlSubcommandsAndTheirStatuses) {
     e2e_sandbox s;
     EXPECT_EQ(storectl(s, {"set", "a", "hello world"}), result(0, ""));
@@ -23,24 +31,93 @@ TEST(StoreTools, StorectlSubcommandsAndTheirStatuses) {
     EXPECT_EQ(storectl(s, {"dump"}),
               result(0, "a=hello world\nconfig.tovrin.command=wan,cli,restart\n"));
     EXPECT_EQ(storectl(s, {"del", "a"}), result(0, ""));
+    EXPECT_EQ(storectl(s, {"get", "a"}), result(1, ""));
 
-    // status: one line per conn with a status key, groups with their
-    // active member and last failover in local time.
+    // status: keys nobody connected as tovrin set are not the daemon's.
+    storectl(s, {"set", "tovrin.old.status", "up"});
+    EXPECT_EQ(storectl(s, {"status"}), result(0, "tovrin has not connected to the store\n"));
+
+    // A client naming itself tovrin plays the daemon: one line per conn it
+    // set a status key for, groups with their active member and last
+    // failover in local time. The key from before is not shown.
     setenv("TZ", "UTC", 1);
+    auto daemon = std::make_optional<stord_client>(s.root.file("var/run/stord.sock"), "tovrin");
+    daemon->subscribe("config.tovrin.command");
     for (auto [key, value] : {std::pair{"tovrin.a.b.status", "waiting to start"},
                               {"tovrin.up.status", "up"},
                               {"tovrin.up.active-connection-name", "wan"},
                               {"tovrin.up.failover-timestamp", "1795000000"},
                               {"tovrin.gone.connection-names", "wan"},
                               {"tovrin.wan.status", "down"}})
-        storectl(s, {"set", key, value});
+        daemon->set(key, value);
+    daemon->sync();
     const std::string table =
         "NAME  STATE             ACTIVE  FAILED OVER\n"
         "a.b   waiting to start\n"
         "up    up                wan     2026-11-18 11:06:40\n"
         "wan   down\n";
     EXPECT_EQ(storectl(s, {"status"}), result(0, table));
-    EXPECT_EQ(storectl(s, {"status", "--watch", "--for", "0.1"}), result(0, table));
+
+    // A watch redraws ...
+    s.root.write_file("watch.out", "");
+    child_process watch(
+        {TOVRIN_STORECTL_BIN, "--socket", s.root.file("var/run/stord.sock"), "status", "--watch"},
+        s.root.file("watch.out"));
+    ASSERT_TRUE(wait_until([&] { return s.root.read_file("watch.out") == table; }));
+    // ... when a key of the daemon changes,
+    daemon->set("tovrin.wan.status", "up");
+    const std::string wan_up =
+        "\nNAME  STATE             ACTIVE  FAILED OVER\n"
+        "a.b   waiting to start\n"
+        "up    up                wan     2026-11-18 11:06:40\n"
+        "wan   up\n";
+    ASSERT_TRUE(wait_until([&] { return s.root.read_file("watch.out") == table + wan_up; }));
+    daemon->set("tovrin.wan.status", "down");
+    ASSERT_TRUE(wait_until([&] { return s.root.read_file("watch.out").ends_with(table); }));
+    // ... and when the daemon goes, with its last words marked.
+    daemon.reset();
+    const std::string was =
+        "NAME  STATE                 ACTIVE  FAILED OVER\n"
+        "a.b   was waiting to start\n"
+        "up    was up                wan     2026-11-18 11:06:40\n"
+        "wan   was down\n";
+    ASSERT_TRUE(wait_until([&] { return s.root.read_file("watch.out").ends_with(was); }));
+    kill(watch.pid(), SIGTERM);
+    EXPECT_EQ(watch.wait_exit(), 0);
+    std::string redrawn = s.root.read_file("watch.out");
+    const size_t gone_at = 2 * (table.size() + 1) + wan_up.size();
+    EXPECT_EQ(redrawn.substr(gone_at - 1, 1 + gone_line.size()), "\n" + gone_line);
+    EXPECT_EQ(redrawn.find(last_words + was), redrawn.size() - last_words.size() - was.size());
+    EXPECT_EQ(storectl(s, {"status", "--watch", "--for", "0.1"}).second, redrawn.substr(gone_at));
+
+    // A session asked for without a name is refused like any bad frame.
+    stord_client nameless(s.root.file("var/run/stord.sock"));
+    nameless.send_raw(stord_frame_encode("29\x1e"));
+    EXPECT_TRUE(nameless.wait_closed(10s));
+    EXPECT_NE(s.root.read_file("stord.out").find("dropped: empty client name"), std::string::npos)
+        << s.root.read_file("stord.out");
+
+    // The latest connection to take the name holds the session: an earlier
+    // one subscribing again does not take it back, and its going changes
+    // nothing.
+    const std::string socket = s.root.file("var/run/stord.sock");
+    auto first = std::make_optional<stord_client>(socket, "tovrin");
+    stord_client second(socket, "tovrin");
+    first->subscribe("k");
+    first->set("tovrin.first.status", "up");
+    first->sync();
+    second.subscribe("k");
+    second.set("tovrin.second.status", "up");
+    second.sync();
+    first->subscribe("k2");
+    first->sync();
+    const result second_only(0, "NAME    STATE  ACTIVE  FAILED OVER\nsecond  up\n");
+    EXPECT_EQ(storectl(s, {"status"}), second_only);
+    first.reset();
+    // Gone once its subscription is.
+    ASSERT_TRUE(wait_until([&] { return second.count_subscriptions("k") == 1; }));
+    EXPECT_EQ(storectl(s, {"status"}), second_only);
+
     EXPECT_EQ(storectl(s, {"bogus"}).first, 2);
     kill(s.store->pid(), SIGTERM);
     EXPECT_EQ(s.store->wait_exit(), 0);
@@ -48,4 +125,90 @@ TEST(StoreTools, StorectlSubcommandsAndTheirStatuses) {
     result gone = storectl(s, {"get", "a"});
     EXPECT_EQ(gone.first, 1);
     EXPECT_NE(gone.second, "");
+}
+
+// The real daemon is the session storectl follows: once it is killed its
+// states are last words, and a new run with other conns shows only those.
+TEST(StoreTools, StatusFollowsTheDaemonsRuns) {
+    e2e_sandbox s;
+    s.start("conn a\n");
+    ASSERT_TRUE(s.wait_status("a", "up"));
+    EXPECT_EQ(storectl(s, {"status"}), result(0, "NAME  STATE  ACTIVE  FAILED OVER\na     up\n"));
+    kill(s.daemon->pid(), SIGKILL);
+    EXPECT_EQ(s.daemon->wait_exit(), 128 + SIGKILL);
+    result after = storectl(s, {"status"});
+    EXPECT_TRUE(after.second.starts_with(gone_line)) << after.second;
+    EXPECT_TRUE(after.second.ends_with(last_words + "NAME  STATE   ACTIVE  FAILED OVER\n"
+                                                    "a     was up\n"))
+        << after.second;
+
+    s.daemon.reset();
+    s.start("conn b\n");
+    ASSERT_TRUE(s.wait_status("b", "up"));
+    EXPECT_EQ(storectl(s, {"get", "tovrin.a.status"}), result(0, "up\n"));
+    EXPECT_EQ(storectl(s, {"status"}), result(0, "NAME  STATE  ACTIVE  FAILED OVER\nb     up\n"));
+    s.stop_store();
+}
+
+// Under a service manager stord serves the listening socket it is handed
+// as descriptor 3 (LISTEN_PID naming it, LISTEN_FDS 1) and leaves the file
+// to the manager; anything else handed over is refused.
+TEST(StoreTools, StordServesTheSocketItIsHanded) {
+    temp_dir dir;
+    const std::string path = dir.file("handed.sock");
+    unique_fd listening(socket(AF_UNIX, SOCK_STREAM, 0));
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    ASSERT_LT(path.size(), sizeof addr.sun_path);
+    path.copy(addr.sun_path, path.size());
+    ASSERT_EQ(bind(listening.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    ASSERT_EQ(listen(listening.get(), 8), 0);
+    unique_fd unbound(socket(AF_UNIX, SOCK_STREAM, 0));
+
+    const struct {
+        const char *listen_pid;  // "$$": stord's own
+        const char *listen_fds;
+        int fd;
+        strings args;
+        std::optional<int> status;  // nullopt: it serves
+        std::string says;
+    } cases[] = {
+        {"$$", "1", listening.get(), {}, std::nullopt, "passed by the service manager"},
+        {"1",
+         "1",
+         listening.get(),
+         {"--socket", dir.file("own.sock")},
+         std::nullopt,
+         "listening on " + dir.file("own.sock")},
+        {"$$", "2", listening.get(), {}, 1, "passed 2 sockets; stord serves exactly one"},
+        {"$$", "1", unbound.get(), {}, 1, "not a listening Unix stream socket"},
+        {"$$", "1", listening.get(), {"--socket", dir.file("own.sock")}, 2, "one was passed"},
+    };
+    for (const auto &c : cases) {
+        strings argv = {"/bin/sh", "-c",
+                        std::string("LISTEN_PID=") + c.listen_pid + " LISTEN_FDS=" + c.listen_fds +
+                            " exec \"$0\" \"$@\" 3<&" + std::to_string(c.fd),
+                        TOVRIN_STORD_BIN};
+        argv.insert(argv.end(), c.args.begin(), c.args.end());
+        dir.write_file("stord.out", "");
+        child_process store(argv, dir.file("stord.out"));
+        if (c.status) {
+            EXPECT_EQ(store.wait_exit(), c.status) << c.says;
+        } else {
+            ASSERT_TRUE(wait_until([&] {
+                return dir.read_file("stord.out").find(c.says) != std::string::npos;
+            })) << dir.read_file("stord.out");
+            const bool own = !c.args.empty();
+            stord_client client(own ? dir.file("own.sock") : path);
+            client.set("k", "v");
+            EXPECT_EQ(client.get("k"), "v");
+            kill(store.pid(), SIGTERM);
+            EXPECT_EQ(store.wait_exit(), 0);
+            // Its own socket file goes with it; the handed one stays.
+            EXPECT_EQ(dir.exists("own.sock"), false);
+            EXPECT_TRUE(dir.exists("handed.sock"));
+        }
+        EXPECT_NE(dir.read_file("stord.out").find(c.says), std::string::npos)
+            << dir.read_file("stord.out");
+    }
 }

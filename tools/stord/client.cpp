@@ -7,6 +7,7 @@
 #include <sys/un.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <stdexcept>
 #include <thread>
@@ -95,6 +96,26 @@ long stord_client::count_subscriptions(const std::string &key) {
     if (!count)
         throw std::runtime_error("stord: malformed count reply");
     return *count;
+}
+
+stord_session stord_client::session(const std::string &name) {
+    send_body(stord_frame_join({std::to_string(stord_type_session), name}));
+    std::string reply = await_reply(stord_type_session_reply);
+    auto fields = stord_frame_split(reply);
+    stord_session s;
+    if (fields.size() < 4 || fields[1] != name)
+        throw std::runtime_error("stord: malformed session reply");
+    s.state = fields[2];
+    auto [end, ec] =
+        std::from_chars(fields[3].data(), fields[3].data() + fields[3].size(), s.since);
+    if (ec != std::errc() || end != fields[3].data() + fields[3].size())
+        throw std::runtime_error("stord: malformed session reply");
+    s.keys.assign(fields.begin() + 4, fields.end());
+    return s;
+}
+
+void stord_client::watch_sessions() {
+    send_body(std::to_string(stord_type_session_watch));
 }
 
 std::optional<std::pair<std::string, std::string>> stord_client::next_notification(
@@ -226,7 +247,7 @@ std::string stord_client::await_reply(int type) {
         int got = type_of(*body);
         if (got == type)
             return std::move(*body);
-        if (got == stord_type_notify)
+        if (got == stord_type_notify || got == stord_type_session_event)
             kept_.push_back(std::move(*body));
     }
 }

@@ -6,9 +6,17 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "stord/frame.h"
 #include "stord/stord_fd.h"
+
+// What the store knows of a client's session (tool-only request 29).
+struct stord_session {
+    std::string state;              // "connected", "gone" or "unknown"
+    long long since = 0;            // seconds since the epoch; 0 when unknown
+    std::vector<std::string> keys;  // keys it set that still hold a value, sorted
+};
 
 // A blocking connection to stord, for storectl and the tests. Requests that
 // have no reply (set, del, subscribe, unsubscribe, watch_pattern) return once
@@ -39,6 +47,12 @@ class stord_client {
     std::map<std::string, std::string> dump();
     // Subscriptions to key over all connections (tool-only request 26).
     long count_subscriptions(const std::string &key);
+    // The session of the client that names itself name.
+    stord_session session(const std::string &name);
+    // Asks for a type-32 frame at every change of any client's session, for
+    // the life of the connection (tool-only request 31); next_frame returns
+    // them.
+    void watch_sessions();
 
     // Next type-8 notification (key, value), or nullopt after timeout.
     std::optional<std::pair<std::string, std::string>> next_notification(
@@ -81,7 +95,7 @@ class stord_client {
     stord_fd fd_;
     std::string name_;
     stord_frame_reader reader_{stord_frame_max_reply_body};
-    std::deque<std::string> kept_;  // notification bodies not yet returned
+    std::deque<std::string> kept_;  // notification and session-change bodies not yet returned
     std::chrono::milliseconds reply_timeout_{10000};
     bool closed_ = false;
 };

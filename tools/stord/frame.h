@@ -49,6 +49,19 @@ enum stord_frame_type : int {
                                     // patterns match (on top of any its subscriptions cause).
                                     // Current values are not sent; a key or pattern holding
                                     // a NUL byte never matches.
+    stord_type_session = 29,        // client name
+    stord_type_session_reply = 30,  // client name, state, since, then the keys the session
+                                    // set that still hold a value, sorted. A connection takes
+                                    // the client name of its first subscribe or unsubscribe;
+                                    // the latest to take a name holds its session. State is
+                                    // "connected" (since: when it took the name), "gone"
+                                    // (since: when it went; the keys are those it had set)
+                                    // or "unknown" (no connection ever took it; since 0).
+                                    // Times are seconds since the epoch.
+    stord_type_session_watch = 31,  // no fields; no reply. From then on, for the life of the
+                                    // connection, a type-32 frame each time a connection
+                                    // takes a client name or one holding a session goes.
+    stord_type_session_event = 32,  // client name, state, since (store to watcher)
 };
 
 // A type-8 notification as the connection manager's reader splits it.

@@ -1,5 +1,6 @@
 // stord: a small key-value store with subscriptions on a Unix stream socket,
 // standing in for the appliance's store daemon in tests and development.
+// Under a service manager it serves the socket that manager passes it.
 //
 //   stord [--socket PATH] [--journal FILE]
 
@@ -21,6 +22,7 @@
 #include <string_view>
 #include <vector>
 
+#include "stord/activation.h"
 #include "stord/frame.h"
 #include "stord/stord_fd.h"
 #include "stord/store.h"
@@ -69,6 +71,9 @@ class stord_server {
     // Binds and listens on path, replacing a stale socket file; 0 or -1
     // after printing why.
     int listen_on(const std::string &path);
+    // Serves the listening socket fd, which it takes; the socket file is
+    // left to whoever made it. 0 or -1 after printing why.
+    int listen_inherited(int fd);
     // Serves until SIGTERM or SIGINT.
     int run();
 
@@ -87,9 +92,10 @@ class stord_server {
     void conn_reject(stord_conn *conn, const std::string &reason,
                      std::optional<std::string_view> body);
     void conn_drop(stord_conn *conn, const char *why);
-    // Queues the frames a request caused; false when conn itself had to be
-    // dropped on the way.
+    // Queues the frames a request caused; false when conn (if given) had to
+    // be dropped on the way.
     bool deliver(stord_conn *conn, std::vector<stord_store::outgoing> &frames);
+    int events_setup();
 
     // Declared first so it is freed last, after every event that uses it.
     event_base_ptr base_{event_base_new()};
@@ -152,7 +158,19 @@ int stord_server::listen_on(const std::string &path) {
                      std::strerror(errno));
         return -1;
     }
+    return events_setup();
+}
 
+int stord_server::listen_inherited(int fd) {
+    listen_fd_.reset(fd);
+    if (!base_) {
+        std::fprintf(stderr, "stord: cannot create event base\n");
+        return -1;
+    }
+    return events_setup();
+}
+
+int stord_server::events_setup() {
     listen_ev_.reset(
         event_new(base_.get(), listen_fd_.get(), EV_READ | EV_PERSIST, on_accept, this));
     sigterm_ev_.reset(evsignal_new(base_.get(), SIGTERM, on_signal, this));
@@ -338,10 +356,12 @@ void stord_server::conn_drop(stord_conn *conn, const char *why) {
     if (why != nullptr)
         std::fprintf(stderr, "stord: connection %llu: dropped: %s\n",
                      static_cast<unsigned long long>(conn->id), why);
-    store_.drop_connection(conn->id);
+    std::vector<stord_store::outgoing> frames;
+    store_.drop_connection(conn->id, frames);
     // Frees the events too; libevent allows that from the event's own
     // callback, and nothing touches conn after this.
     conns_.erase(conn->id);
+    deliver(nullptr, frames);
 }
 
 int usage() {
@@ -365,6 +385,16 @@ int main(int argc, char **argv) {
             return usage();
         *target = argv[++i];
     }
+    std::string why;
+    int inherited = stord_socket_inherited(&why);
+    if (!why.empty()) {
+        std::fprintf(stderr, "stord: %s\n", why.c_str());
+        return 1;
+    }
+    if (inherited >= 0 && socket_path) {
+        std::fprintf(stderr, "stord: --socket is for a socket of its own, but one was passed\n");
+        return 2;
+    }
     if (!socket_path)
         socket_path = stord_default_socket;
 
@@ -380,9 +410,15 @@ int main(int argc, char **argv) {
 
     // Declared after the journal it writes to, so it is destroyed first.
     stord_server server(journal.get());
-    if (server.listen_on(*socket_path) != 0)
-        return 1;
-    std::printf("stord: listening on %s\n", socket_path->c_str());
+    if (inherited >= 0) {
+        if (server.listen_inherited(inherited) != 0)
+            return 1;
+        std::printf("stord: listening on the socket passed by the service manager\n");
+    } else {
+        if (server.listen_on(*socket_path) != 0)
+            return 1;
+        std::printf("stord: listening on %s\n", socket_path->c_str());
+    }
     std::fflush(stdout);
     if (server.run() != 0) {
         std::fprintf(stderr, "stord: event loop failed\n");

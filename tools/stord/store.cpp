@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <ctime>
 
 #include "stord/frame.h"
 
@@ -54,10 +55,12 @@ std::optional<std::string> stord_store::handle(std::uint64_t conn, std::string_v
         case stord_type_get:
         case stord_type_count:
         case stord_type_watch_pattern:
+        case stord_type_session:
             want = 2;
             break;
         case stord_type_dump:
         case stord_type_sync:
+        case stord_type_session_watch:
             want = 1;
             key_at = 0;
             break;
@@ -70,7 +73,9 @@ std::optional<std::string> stord_store::handle(std::uint64_t conn, std::string_v
         return refuse("too many fields");
     std::string_view key = key_at > 0 ? fields[key_at] : std::string_view();
     if (key_at > 0 && key.empty())
-        return refuse(*type == stord_type_watch_pattern ? "empty pattern" : "empty key");
+        return refuse(*type == stord_type_watch_pattern ? "empty pattern"
+                      : *type == stord_type_session     ? "empty client name"
+                                                        : "empty key");
     if (*type == stord_type_set && !is_int(fields[2]))
         return refuse("non-numeric flag");
 
@@ -78,19 +83,26 @@ std::optional<std::string> stord_store::handle(std::uint64_t conn, std::string_v
         case stord_type_set:
             journal_write(conn, {"set", key, fields[2], fields[3]});
             handle_set(key, fields[2], fields[3], out);
+            clients_[conn].keys.emplace(key);
             break;
         case stord_type_subscribe:
             journal_write(conn, {"subscribe", fields[1], key});
+            client_name(conn, fields[1], out);
             handle_subscribe(conn, key, out);
             break;
         case stord_type_unsubscribe:
             journal_write(conn, {"unsubscribe", fields[1], key});
+            client_name(conn, fields[1], out);
             handle_unsubscribe(conn, key);
             break;
         case stord_type_delete:
             journal_write(conn, {"delete", key});
             if (auto it = values_.find(key); it != values_.end())
                 values_.erase(it);
+            if (auto it = clients_.find(conn); it != clients_.end()) {
+                if (auto k = it->second.keys.find(key); k != it->second.keys.end())
+                    it->second.keys.erase(k);
+            }
             break;
         case stord_type_get: {
             journal_write(conn, {"get", key});
@@ -131,6 +143,14 @@ std::optional<std::string> stord_store::handle(std::uint64_t conn, std::string_v
             journal_write(conn, {"watch", key});
             handle_watch_pattern(conn, key);
             break;
+        case stord_type_session:
+            journal_write(conn, {"session", key});
+            handle_session(conn, key, out);
+            break;
+        case stord_type_session_watch:
+            journal_write(conn, {"watch-sessions"});
+            session_watchers_.insert(conn);
+            break;
     }
     return std::nullopt;
 }
@@ -139,9 +159,23 @@ void stord_store::journal_rejected(std::uint64_t conn, std::string_view reason) 
     journal_write(conn, {"rejected", reason});
 }
 
-void stord_store::drop_connection(std::uint64_t conn) {
+void stord_store::drop_connection(std::uint64_t conn, std::vector<outgoing> &out) {
     std::erase_if(subs_, [conn](const auto &sub) { return sub.first.second == conn; });
     patterns_.erase(conn);
+    session_watchers_.erase(conn);
+    auto it = clients_.find(conn);
+    if (it == clients_.end())
+        return;
+    // Only the latest connection to take a name holds its session; an
+    // earlier one going changes nothing.
+    if (auto held = sessions_.find(it->second.name);
+        !it->second.name.empty() && held != sessions_.end() && held->second.conn == conn) {
+        held->second.conn = 0;
+        held->second.since = std::time(nullptr);
+        held->second.last_keys = std::move(it->second.keys);
+        session_changed(held->first, held->second, out);
+    }
+    clients_.erase(it);
 }
 
 void stord_store::handle_set(std::string_view key, std::string_view flag, std::string_view value,
@@ -197,6 +231,46 @@ void stord_store::handle_watch_pattern(std::uint64_t conn, std::string_view patt
     if (holds_nul(pattern))
         return;
     patterns_[conn].emplace(pattern);
+}
+
+void stord_store::handle_session(std::uint64_t conn, std::string_view name,
+                                 std::vector<outgoing> &out) {
+    std::vector<std::string> reply{std::to_string(stord_type_session_reply), std::string(name)};
+    auto it = sessions_.find(name);
+    if (it == sessions_.end()) {
+        reply.insert(reply.end(), {"unknown", "0"});
+    } else {
+        const session &s = it->second;
+        reply.insert(reply.end(), {s.conn != 0 ? "connected" : "gone", std::to_string(s.since)});
+        const key_set &keys = s.conn != 0 ? clients_[s.conn].keys : s.last_keys;
+        for (const std::string &key : keys) {
+            if (values_.find(key) != values_.end())
+                reply.push_back(key);
+        }
+    }
+    out.push_back({conn, stord_frame_encode(stord_frame_join(reply))});
+}
+
+void stord_store::client_name(std::uint64_t conn, std::string_view name,
+                              std::vector<outgoing> &out) {
+    client &c = clients_[conn];
+    if (!c.name.empty() || name.empty())
+        return;
+    c.name = name;
+    session &s = sessions_[c.name];
+    s = session{conn, std::time(nullptr), {}};
+    session_changed(c.name, s, out);
+}
+
+void stord_store::session_changed(const std::string &name, const session &s,
+                                  std::vector<outgoing> &out) {
+    if (session_watchers_.empty())
+        return;
+    std::string frame = stord_frame_encode(
+        stord_frame_join({std::to_string(stord_type_session_event), name,
+                          s.conn != 0 ? "connected" : "gone", std::to_string(s.since)}));
+    for (std::uint64_t watcher : session_watchers_)
+        out.push_back({watcher, frame});
 }
 
 void stord_store::journal_write(std::uint64_t conn, const std::vector<std::string_view> &words) {

@@ -42,6 +42,8 @@ constexpr int exit_usage = 2;
 constexpr int exit_failed = 1;
 // The key the connection manager takes its control commands from.
 constexpr const char *command_key = "config.tovrin.command";
+// The client name the connection manager gives in its subscriptions.
+constexpr const char *daemon_client = "tovrin";
 // Longer than any watch needs, short enough that the deadline arithmetic
 // cannot overflow.
 constexpr double max_watch_seconds = 1e9;
@@ -114,14 +116,21 @@ stord_fd signal_fd_open() {
 
 using key_values = std::vector<std::pair<std::string, std::string>>;
 
-// Asks for sets of keys matching pattern, calls on_start once the store has
-// the request, then hands each batch of sets that arrive together to
-// on_batch, until SIGINT or SIGTERM, or until duration (when given) has
-// passed. Throws when the store goes away.
-int watch_loop(stord_client &client, const std::string &pattern,
+// What arrived together while watching.
+struct watch_batch {
+    key_values sets;                // keys matching the pattern, with their new values
+    bool sessions_changed = false;  // a client's session began or ended
+};
+
+// Asks for sets of keys matching pattern (and, with sessions, for changes of
+// client sessions), calls on_start once the store has the request, then
+// hands each batch of events that arrive together to on_batch, until SIGINT
+// or SIGTERM, or until duration (when given) has passed. Throws when the
+// store goes away.
+int watch_loop(stord_client &client, const std::string &pattern, bool sessions,
                std::optional<std::chrono::milliseconds> duration,
                const std::function<void()> &on_start,
-               const std::function<void(const key_values &)> &on_batch) {
+               const std::function<void(const watch_batch &)> &on_batch) {
     // Blocked before the request goes out, so a signal sent once the store
     // has the watch can no longer kill us with a status other than 0.
     stord_fd signals = signal_fd_open();
@@ -129,14 +138,25 @@ int watch_loop(stord_client &client, const std::string &pattern,
     if (duration)
         deadline = clock_type::now() + *duration;
     client.watch_pattern(pattern);
+    if (sessions)
+        client.watch_sessions();
     on_start();
     for (;;) {
         // Whole frames may already sit in the client's buffer, where poll
         // cannot see them.
-        key_values batch;
-        while (auto n = client.next_notification(0ms))
-            batch.push_back(std::move(*n));
-        if (!batch.empty())
+        watch_batch batch;
+        while (auto body = client.next_frame(0ms)) {
+            auto type = stord_frame_parse_uint(stord_frame_split(*body, 2)[0]);
+            if (type == stord_type_session_event) {
+                batch.sessions_changed = true;
+            } else if (type == stord_type_notify) {
+                auto n = stord_frame_split_notification(*body);
+                if (!n)
+                    throw std::runtime_error("stord: malformed notification");
+                batch.sets.emplace_back(std::move(n->key), std::move(n->value));
+            }
+        }
+        if (!batch.sets.empty() || batch.sessions_changed)
             on_batch(batch);
         int wait_ms = -1;
         if (deadline) {
@@ -159,9 +179,9 @@ int ctl_watch(const std::string &socket_path, const std::string &pattern,
               std::optional<std::chrono::milliseconds> duration) {
     stord_client client(socket_path, "storectl");
     return watch_loop(
-        client, pattern, duration, [] {},
-        [](const key_values &batch) {
-            for (const auto &[key, value] : batch)
+        client, pattern, false, duration, [] {},
+        [](const watch_batch &batch) {
+            for (const auto &[key, value] : batch.sets)
                 print_line(key + " " + value);
             std::fflush(stdout);
         });
@@ -189,15 +209,26 @@ std::string local_time(const std::string &seconds) {
     return text;
 }
 
-// Every conn with a status key, by name. Group keys outlive a removed group;
-// without its status key it is not shown.
-std::vector<conn_status> status_read(stord_client &client) {
-    const std::string prefix = "tovrin.", suffix = ".status";
-    std::map<std::string, std::string> keys = client.dump();
+// What the store says of the connection manager: its session and its conns.
+struct status_view {
+    stord_session session;
     std::vector<conn_status> conns;
+};
+
+// Every conn whose status key the connection manager's session set (the one
+// connected, or else the last one), by name. A key left by an earlier run,
+// for a conn the daemon no longer has, is not shown; nor is a group whose
+// status key is gone, though its group keys stay in the store.
+status_view status_read(stord_client &client) {
+    const std::string prefix = "tovrin.", suffix = ".status";
+    status_view view;
+    std::map<std::string, std::string> keys = client.dump();
+    view.session = client.session(daemon_client);
+    const std::vector<std::string> &set_by_daemon = view.session.keys;
     for (const auto &[key, value] : keys) {
         if (key.size() <= prefix.size() + suffix.size() || key.compare(0, prefix.size(), prefix) ||
-            key.compare(key.size() - suffix.size(), suffix.size(), suffix))
+            key.compare(key.size() - suffix.size(), suffix.size(), suffix) ||
+            !std::binary_search(set_by_daemon.begin(), set_by_daemon.end(), key))
             continue;
         conn_status c;
         c.name = key.substr(prefix.size(), key.size() - prefix.size() - suffix.size());
@@ -210,9 +241,9 @@ std::vector<conn_status> status_read(stord_client &client) {
         std::string when = group_key(".failover-timestamp");
         if (!when.empty())
             c.failed_over = local_time(when);
-        conns.push_back(std::move(c));
+        view.conns.push_back(std::move(c));
     }
-    return conns;
+    return view;
 }
 
 // The colour a state is shown in on a terminal.
@@ -227,9 +258,24 @@ const char *state_colour(const std::string &state) {
     return "\033[33m";
 }
 
-void status_print(const std::vector<conn_status> &conns, bool colour) {
+// The table, under a line saying so when the daemon is not connected: then
+// each state is what it last said, shown as "was STATE".
+void status_print(const status_view &view, bool colour) {
+    if (view.session.state == "unknown") {
+        print_line(std::string(daemon_client) + " has not connected to the store");
+        std::fflush(stdout);
+        return;
+    }
+    bool gone = view.session.state != "connected";
+    if (gone)
+        print_line(std::string(daemon_client) + " is not connected to the store (gone since " +
+                   local_time(std::to_string(view.session.since)) +
+                   "); the states below are its last words");
+    std::vector<conn_status> conns = view.conns;
     std::size_t name_width = 4, state_width = 5, active_width = 6;
-    for (const conn_status &c : conns) {
+    for (conn_status &c : conns) {
+        if (gone)
+            c.state = "was " + c.state;
         name_width = std::max(name_width, c.name.size());
         state_width = std::max(state_width, c.state.size());
         active_width = std::max(active_width, c.active.size());
@@ -240,7 +286,7 @@ void status_print(const std::vector<conn_status> &conns, bool colour) {
     for (const conn_status &c : conns) {
         std::string line = c.name + std::string(name_width - c.name.size() + 2, ' ');
         std::string state = c.state + std::string(state_width - c.state.size(), ' ');
-        line += colour ? state_colour(c.state) + state + "\033[0m" : state;
+        line += colour ? (gone ? "\033[2m" : state_colour(c.state)) + state + "\033[0m" : state;
         if (!c.active.empty() || !c.failed_over.empty())
             line += "  " + c.active + std::string(active_width - c.active.size() + 2, ' ') +
                     c.failed_over;
@@ -251,7 +297,8 @@ void status_print(const std::vector<conn_status> &conns, bool colour) {
     std::fflush(stdout);
 }
 
-// Shows every conn's state; with watch, again each time keys change (a
+// Shows every conn's state; with watch, again each time keys change or the
+// daemon connects or goes (a
 // terminal is redrawn in place, anything else gets one table after another,
 // a blank line between).
 int ctl_status(const std::string &socket_path, bool watch,
@@ -259,10 +306,10 @@ int ctl_status(const std::string &socket_path, bool watch,
     bool terminal = isatty(STDOUT_FILENO) != 0;
     stord_client client(socket_path, "storectl");
     auto draw = [&] {
-        std::vector<conn_status> conns = status_read(client);
+        status_view view = status_read(client);
         if (watch && terminal)
             std::fputs("\033[H\033[2J", stdout);
-        status_print(conns, terminal);
+        status_print(view, terminal);
     };
     if (!watch) {
         draw();
@@ -270,7 +317,7 @@ int ctl_status(const std::string &socket_path, bool watch,
     }
     // The watch goes in before the first reading, so no change falls
     // between; a reading answers after every set the store has taken.
-    return watch_loop(client, "tovrin.*", duration, draw, [&](const key_values &) {
+    return watch_loop(client, "tovrin.*", true, duration, draw, [&](const watch_batch &) {
         if (!terminal)
             print_line("");
         draw();
