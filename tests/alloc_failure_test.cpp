@@ -24,6 +24,12 @@ struct sweep_case {
 };
 
 const char long_value[] = "a value longer than any short string";
+
+// Notification text writes the record separator as '|'.
+std::string rs(std::string text) {
+    std::replace(text.begin(), text.end(), '|', '\036');
+    return text;
+}
 const char long_names[] =
     "conn a-conn-with-a-long-name\n\tparent a-parent-with-a-long-name\n"
     "\tstart /bin/a-start-command-with-a-long-name\nconn a-parent-with-a-long-name\n";
@@ -74,6 +80,25 @@ const sweep_case cases[] = {
      },
      {"values 2"},
      {{"error handling stord message", "values 1"}}},
+    // A notification cut short, here in the field holding its type: the
+    // reader is ready for the next frame all the same.
+    {"conn a\n\tstord_var v k\n",
+     [](test_inst &t) {
+         std::string bytes = stord_frame_encode(rs("0000000000000000008|k|0|0|") + long_value) +
+                             stord_frame_encode(rs("8|k|0|0|second"));
+         ASSERT_EQ(write(t.store_end.get(), bytes.data(), bytes.size()), ssize_t(bytes.size()));
+     },
+     [](test_inst &t) {
+         for (int turn = 0; turn < 8; turn++)
+             event_base_loop(t.inst.base.get(), EVLOOP_NONBLOCK);
+     },
+     [](test_inst &t) {
+         const std::optional<std::string> &value = t.inst.store_vars.front().current_val;
+         return outcome{"value " + value.value_or("none"),
+                        "reader " + std::to_string(t.inst.store_rx_state)};
+     },
+     {"value second", "reader 0"},
+     {{"error handling stord message", "value second", "reader 0"}}},
     // A group started from the loop: whatever no handler reports itself is
     // caught where the event began.
     {"orderedgroup g\n\tmember a-member-with-a-long-name\n\tfailovertimeout 0\n\tlog none\n"
