@@ -47,7 +47,7 @@ void tovrin_conn_vars_init(tovrin_conn *conn) {
         list.clear();
 }
 
-int tovrin_conn_add_var(tovrin_conn *conn, const std::string &name, const std::string &value) {
+int tovrin_conn_add_var(tovrin_conn *conn, std::string_view name, std::string_view value) {
     if (conn == nullptr)
         return -1;
     tovrin_var_list node;
@@ -65,7 +65,7 @@ int tovrin_conn_add_var(tovrin_conn *conn, const std::string &name, const std::s
     return 0;
 }
 
-int tovrin_conn_add_stord_var(tovrin_conn *conn, const std::string &name, const std::string &key) {
+int tovrin_conn_add_stord_var(tovrin_conn *conn, std::string_view name, std::string_view key) {
     if (conn == nullptr)
         return -1;
     tovrin_var_list node;
@@ -74,7 +74,7 @@ int tovrin_conn_add_stord_var(tovrin_conn *conn, const std::string &name, const 
         auto var = std::make_unique<tovrin_var>();
         var->type = TOVRIN_VAR_STORD;
         var->name = name;
-        sub_node.push_back(tovrin_var_sub{key, std::nullopt});
+        sub_node.push_back(tovrin_var_sub{std::string(key), std::nullopt});
         // Stays valid when the node is spliced into store_vars.
         var->sub = sub_node.begin();
         node.push_front(std::move(var));
@@ -82,7 +82,8 @@ int tovrin_conn_add_stord_var(tovrin_conn *conn, const std::string &name, const 
         tovrin_log(TOVRIN_LOG_FATAL, "Could not allocate variable");
         return -1;
     }
-    if (conn->inst == nullptr || tovrin_store_subscribe(conn->inst, key.c_str()) != 0) {
+    const char *key_text = sub_node.front().stord_prefix.c_str();
+    if (conn->inst == nullptr || tovrin_store_subscribe(conn->inst, key_text) != 0) {
         tovrin_log(TOVRIN_LOG_FATAL, "Could not register variable subscription");
         return -1;
     }

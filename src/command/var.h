@@ -44,12 +44,12 @@ void tovrin_conn_vars_init(tovrin_conn *conn);
 
 // Adds a variable with a fixed value at the head of its list, so it hides
 // earlier ones of the same name. 0, or -1 after logging.
-int tovrin_conn_add_var(tovrin_conn *conn, const std::string &name, const std::string &value);
+int tovrin_conn_add_var(tovrin_conn *conn, std::string_view name, std::string_view value);
 
 // Adds a variable that follows the store key: the subscription request is
 // queued and the subscription goes to the head of the instance's
 // store_vars. 0, or -1 after logging (nothing is left behind).
-int tovrin_conn_add_stord_var(tovrin_conn *conn, const std::string &name, const std::string &key);
+int tovrin_conn_add_stord_var(tovrin_conn *conn, std::string_view name, std::string_view key);
 
 // Frees every variable of the conn; a store variable's key is unsubscribed
 // and its subscription unlinked from store_vars first.

@@ -43,7 +43,7 @@ void action_signal(const tovrin_queued_action *entry, int sig) {
 
 }  // namespace
 
-std::unique_ptr<tovrin_action> tovrin_action_new(const std::string &command, int type) {
+std::unique_ptr<tovrin_action> tovrin_action_new(std::string_view command, int type) {
     try {
         auto action = std::make_unique<tovrin_action>();
         action->type = type;
