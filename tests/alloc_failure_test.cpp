@@ -55,6 +55,12 @@ outcome loaded(test_inst &t) {
             "deps " + std::to_string(a->file_deps.size())};
 }
 
+// What a failover says of the group's timers that were never armed.
+const char failover_not_armed[] =
+    "1469 a-group-with-a-long-name(2) failover_event not initialized yet, skip deleting it";
+const char failforward_not_armed[] =
+    "1495 a-group-with-a-long-name(2) failforward_event not initialized yet, skip deleting it";
+
 // The record that failed, then what the load then says.
 outcome load_failed(strings why) {
     why.insert(why.end(), {"Failed To Load Config", "not loaded"});
@@ -139,23 +145,62 @@ const sweep_case cases[] = {
      },
      {"value second", "reader 0"},
      {{"error handling stord message", "value second", "reader 0"}}},
-    // A group started from the loop: whatever no handler reports itself is
-    // caught where the event began.
+    // A failover run through: a group key that cannot be built is dropped
+    // and the group goes on, never left stopping with its failover half
+    // done; a handler cut short leaves no message waiting behind it.
+    {"orderedgroup a-group-with-a-long-name\n\tmember a-member-with-a-long-name\n"
+     "\tmember b-member-with-a-long-name\n\tfailovertimeout 0\n\tlog none\n"
+     "conn a-member-with-a-long-name\n\tlog none\nconn b-member-with-a-long-name\n\tlog none\n",
+     [](test_inst &t) {
+         for (tovrin_conn &conn : t.inst.conns)
+             t.deliver(conn.name, TOVRIN_MSG_START);
+         t.dispatch();
+         t.inst.store_out_queue.clear();
+     },
+     [](test_inst &t) {
+         tovrin_conn *a = t.inst.conns.find("a-member-with-a-long-name");
+         tovrin_conn_deliver_message(&t.inst, nullptr, a, TOVRIN_MSG_RESTART);
+         t.dispatch();
+     },
+     [](test_inst &t) {
+         tovrin_conn *g = t.conn("a-group-with-a-long-name");
+         bool stopping = g->current_state == TOVRIN_STATE_STOPPING ||
+                         g->current_state == TOVRIN_STATE_WAITING_TO_START ||
+                         g->current_state == TOVRIN_STATE_DOWN;
+         EXPECT_FALSE(g->currently_failing_over && stopping) << "a failover left half done";
+         EXPECT_TRUE(t.inst.message_queue.empty()) << "messages left for a later delivery";
+         return outcome{std::string("state ") + tovrin_state_name(g->current_state),
+                        "active " + g->active_conn_name};
+     },
+     {failover_not_armed, failforward_not_armed, failover_not_armed,
+      "1537 a-group-with-a-long-name(2) failforward_event not initialized yet, set and add it",
+      failover_not_armed, "state up", "active b-member-with-a-long-name"},
+     {{failover_not_armed, failforward_not_armed, failover_not_armed,
+       "1537 a-group-with-a-long-name(2) failforward_event not initialized yet, set and add it",
+       "could not allocate message", failover_not_armed, "state up",
+       "active b-member-with-a-long-name"}}},
+    // A group started from the loop beside a plain conn: whatever no handler
+    // reports itself is caught where the message began, and the messages
+    // queued behind it are still handled.
     {"orderedgroup g\n\tmember a-member-with-a-long-name\n\tfailovertimeout 0\n\tlog none\n"
-     "conn a-member-with-a-long-name\n\tstart /bin/a-command with %v% args\n\tlog none\n",
+     "conn a-member-with-a-long-name\n\tstart /bin/a-command with %v% args\n\tlog none\n"
+     "conn b\n\tlog none\n",
      [](test_inst &t) {
          t.inst.spawn = [](const char *, char *const *, int *, int *) -> pid_t { return -1; };
      },
      [](test_inst &t) {
          t.deliver("g", TOVRIN_MSG_START);
+         t.deliver("b", TOVRIN_MSG_START);
          t.dispatch();
      },
      [](test_inst &t) {
-         return outcome{std::string("state ") + tovrin_state_name(t.conn("g")->current_state)};
+         EXPECT_TRUE(t.inst.message_queue.empty()) << "messages left for a later delivery";
+         return outcome{std::string("state ") + tovrin_state_name(t.conn("g")->current_state),
+                        std::string("b ") + tovrin_state_name(t.conn("b")->current_state)};
      },
      {"could not run command /bin/a-command for conn a-member-with-a-long-name",
-      "state starting members"},
-     {{"Could not allocate memory; event handling abandoned", "state starting members"}}},
+      "state starting members", "b up"},
+     {{"Could not allocate memory; event handling abandoned", "state starting members", "b up"}}},
 };
 
 TEST(AllocationSweep, EveryOperationSurvivesAnySingleFailure) {

@@ -105,7 +105,13 @@ void tovrin_dispatch_messages(evutil_socket_t, short, void *arg) {
             tovrin_log(TOVRIN_LOG_ERROR, "conn msg has no recipient");
             return;
         }
-        message_handle(msg);
+        try {
+            message_handle(msg);
+        } catch (const std::bad_alloc &) {
+            // This handler was cut short; the messages queued after it are
+            // still handled now, not left until the next delivery.
+            event_slot_out_of_memory();
+        }
     }
 }
 
