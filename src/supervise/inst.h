@@ -89,6 +89,8 @@ struct tovrin_inst {
     std::deque<tovrin_msg> message_queue;
     event_slot dispatch_event;
     bool reloading_config = false;
+    // Conns one variable search may visit; tests lower it.
+    long var_search_max_visits = TOVRIN_VAR_SEARCH_MAX_VISITS;
     // The line of the configuration file being read, counted from 1; 0
     // outside a load. Lets whoever reads the log say where a message came
     // from.
