@@ -103,6 +103,7 @@ const sweep_case cases[] = {
                    "Could not set variable a-variable-with-a-long-name in connection "
                    "a-conn-with-a-long-name"}),
       load_failed({"Could not allocate conn", "Could not add conn", "Could not add group"}),
+      load_failed({"Could not add conn", "Could not add group"}),
       load_failed({"Could not allocate conn", "Could not add conn"}),
       load_failed({"Could not allocate tovrin globals"})},
      load_failed({"Failed to allocate memory to parse config"}),
