@@ -9,6 +9,9 @@
 #include "command/var.h"
 #include "daemon/log.h"
 
+// An expansion is cut where a token would cut it anyway.
+static_assert(TOVRIN_VAR_TEXT_MAX >= TOVRIN_TOKEN_MAX);
+
 std::unique_ptr<parsed_argv> argv_init() {
     std::unique_ptr<parsed_argv> args;
     try {

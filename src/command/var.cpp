@@ -47,7 +47,7 @@ void tovrin_conn_vars_init(tovrin_conn *conn) {
         list.clear();
 }
 
-int tovrin_conn_add_var(tovrin_conn *conn, const std::string &name, const std::string &value) {
+int tovrin_conn_add_var(tovrin_conn *conn, std::string_view name, std::string_view value) {
     if (conn == nullptr)
         return -1;
     tovrin_var_list node;
@@ -65,7 +65,7 @@ int tovrin_conn_add_var(tovrin_conn *conn, const std::string &name, const std::s
     return 0;
 }
 
-int tovrin_conn_add_stord_var(tovrin_conn *conn, const std::string &name, const std::string &key) {
+int tovrin_conn_add_stord_var(tovrin_conn *conn, std::string_view name, std::string_view key) {
     if (conn == nullptr)
         return -1;
     tovrin_var_list node;
@@ -74,7 +74,7 @@ int tovrin_conn_add_stord_var(tovrin_conn *conn, const std::string &name, const 
         auto var = std::make_unique<tovrin_var>();
         var->type = TOVRIN_VAR_STORD;
         var->name = name;
-        sub_node.push_back(tovrin_var_sub{key, std::nullopt});
+        sub_node.push_back(tovrin_var_sub{std::string(key), std::nullopt});
         // Stays valid when the node is spliced into store_vars.
         var->sub = sub_node.begin();
         node.push_front(std::move(var));
@@ -82,7 +82,8 @@ int tovrin_conn_add_stord_var(tovrin_conn *conn, const std::string &name, const 
         tovrin_log(TOVRIN_LOG_FATAL, "Could not allocate variable");
         return -1;
     }
-    if (conn->inst == nullptr || tovrin_store_subscribe(conn->inst, key.c_str()) != 0) {
+    const char *key_text = sub_node.front().stord_prefix.c_str();
+    if (conn->inst == nullptr || tovrin_store_subscribe(conn->inst, key_text) != 0) {
         tovrin_log(TOVRIN_LOG_FATAL, "Could not register variable subscription");
         return -1;
     }
@@ -155,21 +156,19 @@ tovrin_conn *conn_active_member(tovrin_conn *conn) {
 
 enum class search_kind { first, all };
 
-// The most conns one expansion visits. Every path through the ancestry is
-// walked, so an ancestry built of diamonds holds far more paths than conns;
-// the bound keeps such a configuration from holding the loop. It is ten
-// times the largest configuration the daemon is built for, so an ancestry in
-// which no conn is reached by more than ten paths is always searched whole,
-// and the worst case stays within a few tens of milliseconds.
-constexpr long max_visits = 100000;
-
 // One search for one name: the text collected so far and the path walked.
 // The walk keeps its own stack, so its depth is bounded by the number of
 // conns and not by the thread's stack.
 class var_search {
   public:
-    var_search(const std::string &name, std::optional<std::string> text, bool &found)
-        : name_(name), text_(std::move(text)), found_(found) {}
+    // The search stops after the number of visits conn's instance allows.
+    var_search(const tovrin_conn *conn, const std::string &name, std::optional<std::string> text,
+               bool &found)
+        : name_(name),
+          text_(std::move(text)),
+          found_(found),
+          max_visits_(conn->inst != nullptr ? conn->inst->var_search_max_visits
+                                            : TOVRIN_VAR_SEARCH_MAX_VISITS) {}
 
     std::optional<std::string> take_text() { return std::move(text_); }
 
@@ -186,8 +185,13 @@ class var_search {
 
     bool enter(tovrin_conn *conn);
     void leave(tovrin_conn *conn) { path_.erase(conn); }
+    // A command keeps no more of an expansion than TOVRIN_VAR_TEXT_MAX
+    // characters, so no more is kept here: a search through many holders
+    // stays small.
     void look_in(tovrin_conn *conn) {
         text_ = tovrin_var_lookup_local(conn, name_, std::move(text_), found_);
+        if (text_.has_value() && text_->size() > TOVRIN_VAR_TEXT_MAX)
+            text_->resize(TOVRIN_VAR_TEXT_MAX);
     }
     void descend(std::vector<frame> &stack, tovrin_conn *conn);
 
@@ -197,6 +201,7 @@ class var_search {
     // The conns of the path being walked: a conn met again on its own path
     // is its own ancestor, and following it would never end.
     std::unordered_set<const tovrin_conn *> path_;
+    const long max_visits_;
     long visits_ = 0;
     bool cut_ = false;
     bool cycle_reported_ = false;
@@ -216,9 +221,9 @@ bool var_search::enter(tovrin_conn *conn) {
         }
         return false;
     }
-    if (++visits_ > max_visits) {
+    if (++visits_ > max_visits_) {
         tovrin_log(TOVRIN_LOG_FATAL, "variable search for %s stopped after visiting %ld conns",
-                   name_.c_str(), max_visits);
+                   name_.c_str(), max_visits_);
         cut_ = true;
         return false;
     }
@@ -289,16 +294,13 @@ void var_search::tree(tovrin_conn *start, search_kind kind) {
 }
 
 void var_search::parents_all(tovrin_conn *conn) {
-    // The conn is not searched, but a parent chain leading back to it is
-    // still a cycle.
-    if (!enter(conn))
-        return;
+    // The conn itself is not on the path: a parent chain that leads back to
+    // it searches it like any other ancestor.
     for (const tovrin_link &link : conn->parents) {
         tovrin_conn *parent = tovrin_conn_find(conn->inst, link.name);
         if (parent != nullptr)
             tree(parent, search_kind::all);
     }
-    leave(conn);
 }
 
 }  // namespace
@@ -308,7 +310,7 @@ std::optional<std::string> tovrin_var_search_local(tovrin_conn *conn, const std:
     found = false;
     if (conn == nullptr)
         return text;
-    var_search search(name, std::move(text), found);
+    var_search search(conn, name, std::move(text), found);
     search.local(conn);
     return search.take_text();
 }
@@ -318,7 +320,7 @@ std::optional<std::string> tovrin_var_search_parents_all(tovrin_conn *conn, cons
                                                          bool &found) {
     if (conn == nullptr)
         return text;
-    var_search search(name, std::move(text), found);
+    var_search search(conn, name, std::move(text), found);
     search.parents_all(conn);
     return search.take_text();
 }
@@ -328,7 +330,7 @@ std::optional<std::string> tovrin_var_search_all(tovrin_conn *conn, const std::s
     found = false;
     if (conn == nullptr)
         return text;
-    var_search search(name, std::move(text), found);
+    var_search search(conn, name, std::move(text), found);
     search.tree(conn, search_kind::all);
     return search.take_text();
 }
@@ -338,7 +340,7 @@ std::optional<std::string> tovrin_var_search_first(tovrin_conn *conn, const std:
     found = false;
     if (conn == nullptr)
         return text;
-    var_search search(name, std::move(text), found);
+    var_search search(conn, name, std::move(text), found);
     search.tree(conn, search_kind::first);
     return search.take_text();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <forward_list>
 #include <list>
 #include <memory>
@@ -44,12 +45,12 @@ void tovrin_conn_vars_init(tovrin_conn *conn);
 
 // Adds a variable with a fixed value at the head of its list, so it hides
 // earlier ones of the same name. 0, or -1 after logging.
-int tovrin_conn_add_var(tovrin_conn *conn, const std::string &name, const std::string &value);
+int tovrin_conn_add_var(tovrin_conn *conn, std::string_view name, std::string_view value);
 
 // Adds a variable that follows the store key: the subscription request is
 // queued and the subscription goes to the head of the instance's
 // store_vars. 0, or -1 after logging (nothing is left behind).
-int tovrin_conn_add_stord_var(tovrin_conn *conn, const std::string &name, const std::string &key);
+int tovrin_conn_add_stord_var(tovrin_conn *conn, std::string_view name, std::string_view key);
 
 // Frees every variable of the conn; a store variable's key is unsubscribed
 // and its subscription unlinked from store_vars first.
@@ -62,13 +63,25 @@ void tovrin_conn_vars_free(tovrin_conn *conn);
 std::optional<std::string> tovrin_var_lookup_local(tovrin_conn *conn, const std::string &name,
                                                    std::optional<std::string> text, bool &found);
 
+// The most conns one search visits. Every path through the ancestry is
+// walked, and a ladder of diamonds doubles its paths with each rung, so
+// some ancestries of a few dozen conns would hold the loop for years; a
+// search stops at this bound, which a search takes well over a second to
+// reach (bench/var_search measures it), so a walk of a second or less is
+// always walked whole.
+constexpr long TOVRIN_VAR_SEARCH_MAX_VISITS = 1L << 25;
+
+// The most characters of an expansion a search keeps: what a command's token
+// can hold.
+constexpr size_t TOVRIN_VAR_TEXT_MAX = 1023;
+
 // The lookup strategies. Each walks every path through the ancestry, so a
 // conn reached by two paths is searched twice; a conn met again on its own
 // path (parents that form a cycle) is skipped, reported once per search at
 // priority 0 as "variable search for NAME found a cycle through conn CONN",
-// and a search that has visited 100,000 conns stops where it is, reported
-// once. Names that do not resolve are logged and skipped. May throw
-// std::bad_alloc.
+// and a search that has visited TOVRIN_VAR_SEARCH_MAX_VISITS conns stops
+// where it is, reported once. Names that do not resolve are logged and
+// skipped. May throw std::bad_alloc.
 //
 // The conn, then its active member and so on down a chain of groups.
 std::optional<std::string> tovrin_var_search_local(tovrin_conn *conn, const std::string &name,

@@ -68,8 +68,8 @@ const global_keyword global_keywords[] = {
 
 // The argument that runs to the end of the line: past the indentation, the
 // keyword and exactly one more character, all further blanks kept.
-const char *rest_of_line(const char *line_copy, const char *keyword) {
-    const char *p = line_copy + strspn(line_copy, " \t");
+char *rest_of_line(char *line_copy, const char *keyword) {
+    char *p = line_copy + strspn(line_copy, " \t");
     p += strlen(keyword);
     if (*p != '\0')
         p++;
@@ -168,11 +168,10 @@ const definition_keyword definition_keywords[] = {
      }},
     {"file-dependency", nullptr,
      [](tovrin_conn *c, const config_clause &cl) {
-         std::string path = rest_of_line(cl.line_copy, cl.tokens[0]);
-         size_t newline = path.find('\n');
-         if (newline != std::string::npos)
-             path.erase(newline, 1);
-         tovrin_conn_add_file_dep(c, path.c_str());
+         // Cut in the line's own copy: only the dependency itself allocates.
+         char *path = rest_of_line(cl.line_copy, cl.tokens[0]);
+         path[strcspn(path, "\n")] = '\0';
+         tovrin_conn_add_file_dep(c, path);
          return 0;
      }},
     {"log", nullptr,

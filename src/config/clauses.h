@@ -1,19 +1,24 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
-#include <vector>
 
 struct tovrin_inst;
 struct tovrin_conn;
 
-// One clause line: its tokens (the keyword first) and the untouched copy of
-// the line, from which rest-of-line arguments are taken.
+// One line: its first tokens (the keyword first) and the untouched copy of
+// the line, from which rest-of-line arguments are taken. No keyword uses
+// more than two arguments and later tokens are ignored, so they are not
+// kept: splitting a line allocates nothing.
 struct config_clause {
-    const std::vector<const char *> &tokens;
-    const char *line_copy;
+    static constexpr size_t max_tokens = 3;
+
+    std::array<const char *, max_tokens> tokens{};
+    size_t n_tokens = 0;
+    char *line_copy = nullptr;  // the clause may cut it
 
     // The i-th token, or null past the last.
-    const char *arg(size_t i) const { return i < tokens.size() ? tokens[i] : nullptr; }
+    const char *arg(size_t i) const { return i < n_tokens ? tokens[i] : nullptr; }
 };
 
 // Applies a clause of the global block to new_globals. 0, or -1 after

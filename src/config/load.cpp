@@ -83,8 +83,8 @@ int header_definition(config_parser *p, const header_kind &kind, const char *nam
     return 0;
 }
 
-int line_header(config_parser *p, const std::vector<const char *> &tokens) {
-    const char *keyword = tokens[0];
+int line_header(config_parser *p, const config_clause &line) {
+    const char *keyword = line.tokens[0];
     if (strcmp(keyword, "global") == 0) {
         if (p->definition_seen) {
             tovrin_log(TOVRIN_LOG_FATAL, "Global definitions must be first in the file");
@@ -95,7 +95,7 @@ int line_header(config_parser *p, const std::vector<const char *> &tokens) {
     }
     for (const header_kind &kind : header_kinds) {
         if (strcmp(keyword, kind.keyword) == 0)
-            return header_definition(p, kind, tokens.size() > 1 ? tokens[1] : nullptr);
+            return header_definition(p, kind, line.arg(1));
     }
     tovrin_log(TOVRIN_LOG_FATAL, "Unknown clause: %s", keyword);
     return -1;
@@ -122,22 +122,32 @@ int line_clause(config_parser *p, const config_clause &clause) {
 int line_parse(config_parser *p, char *line, char *line_copy) {
     strcpy(line_copy, line);
 
-    std::vector<const char *> tokens;
+    config_clause clause;
+    clause.line_copy = line_copy;
     char *saved = nullptr;
-    for (char *token = strtok_r(line, token_separators, &saved); token != nullptr;
+    for (char *token = strtok_r(line, token_separators, &saved);
+         token != nullptr && clause.n_tokens < config_clause::max_tokens;
          token = strtok_r(nullptr, token_separators, &saved))
-        tokens.push_back(token);
+        clause.tokens[clause.n_tokens++] = token;
 
-    if (tokens.empty() || tokens[0][0] == '#')
+    if (clause.n_tokens == 0 || clause.tokens[0][0] == '#')
         return 0;
     if (line_copy[0] != ' ' && line_copy[0] != '\t')
-        return line_header(p, tokens);
-    return line_clause(p, config_clause{tokens, line_copy});
+        return line_header(p, clause);
+    return line_clause(p, clause);
 }
 
-// Reads every line of file into the pending configuration.
+// Reads every line of file into the pending configuration. Past the line
+// buffers, whatever cannot be allocated is reported where it happens.
 int file_parse(tovrin_inst *inst, FILE *file) {
-    std::vector<char> line(line_buffer_size), line_copy(line_buffer_size);
+    std::vector<char> line, line_copy;
+    try {
+        line.resize(line_buffer_size);
+        line_copy.resize(line_buffer_size);
+    } catch (const std::bad_alloc &) {
+        tovrin_log(TOVRIN_LOG_FATAL, "Failed to allocate memory to parse config");
+        return -1;
+    }
     config_parser parser{inst};
     int result = 0;
     bool line_ended = true;
@@ -171,14 +181,10 @@ int tovrin_config_load(tovrin_inst *inst, tovrin_config_handover handover) {
     }
 
     int result = -1;
-    try {
-        inst->new_globals = tovrin_globals_new();
-        // Without settings there is nothing to apply the clauses to.
-        if (inst->new_globals != nullptr)
-            result = file_parse(inst, file.get());
-    } catch (const std::bad_alloc &) {
-        tovrin_log(TOVRIN_LOG_FATAL, "Failed to allocate memory to parse config");
-    }
+    inst->new_globals = tovrin_globals_new();
+    // Without settings there is nothing to apply the clauses to.
+    if (inst->new_globals != nullptr)
+        result = file_parse(inst, file.get());
     inst->config_line = 0;
     if (result == 0) {
         try {
@@ -189,6 +195,8 @@ int tovrin_config_load(tovrin_inst *inst, tovrin_config_handover handover) {
         } catch (const std::bad_alloc &) {
             // The hand-over changes nothing it cannot finish; a reload it
             // had begun is abandoned like one whose file does not parse.
+            // No message is given for this failure; it is reported as a
+            // parse that ran out of memory.
             tovrin_log(TOVRIN_LOG_FATAL, "Failed to allocate memory to parse config");
             inst->reloading_config = false;
         }

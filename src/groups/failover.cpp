@@ -309,13 +309,40 @@ void tovrin_group_failforward(tovrin_conn *group) {
 
 namespace {
 
-// Whether the restart an operator's failover gives the active member would
-// leave member and group stuck: a member that has started but never came up
+// Whether a failforward could still move a running group to another member:
+// its timer is armed, or it is ready and waits for a member to report
+// tested. A mutex group's standbys never start, so only its timer can,
+// taking the group back to its first member. Without mutex the group goes
+// back to the earliest member before the active one that is tested or up
+// when a member reports, and any member listed before the active one may
+// still get there.
+bool failforward_may_move(tovrin_conn *group) {
+    const bool timer = group->failforward_event.pending();
+    if (!timer && !group->failforward_ready)
+        return false;
+    if (group->members.empty())
+        return false;
+    if (group->mutex != 0)
+        return timer && group->members.front().name != group->active_conn_name;
+    for (const tovrin_link &link : group->members) {
+        if (link.name == group->active_conn_name)
+            return false;
+        tovrin_conn *member = find_member(group, link.name);
+        if (member != nullptr && !member->is_deaf)
+            return true;
+    }
+    return false;
+}
+
+// Whether the restart an operator's failover gives the active member leaves
+// member and group stuck for good. A member that has started but is not up
 // goes to waiting to stop, where the group gate holds the active member for
-// as long as the group runs, and it never reports leaving up. Unless the
-// group's failover timer is still to fire, nothing would move either again.
+// as long as the group runs, and it never reports leaving up; the group waits
+// in turn for it to come up. Only the group's own timers could move either:
+// its failover timer, armed now or on entering starting members; a
+// failforward; or a reload's timer, which stops every conn.
 bool external_failover_sticks(tovrin_conn *group, const tovrin_conn *member) {
-    if (group->type != TOVRIN_ORDEREDGROUP || group->failover_event.pending())
+    if (group->type != TOVRIN_ORDEREDGROUP)
         return false;
     switch (group->current_state) {
         case TOVRIN_STATE_STARTING:
@@ -328,9 +355,16 @@ bool external_failover_sticks(tovrin_conn *group, const tovrin_conn *member) {
         default:
             return false;
     }
-    return tovrin_conn_is_active(member) &&
-           member->current_state != TOVRIN_STATE_WAITING_TO_START &&
-           member->current_state != TOVRIN_STATE_UP;
+    if (!tovrin_conn_is_active(member) || member->current_state == TOVRIN_STATE_WAITING_TO_START ||
+        member->current_state == TOVRIN_STATE_UP)
+        return false;
+    if (group->failover_event.pending())
+        return false;
+    if (group->current_state == TOVRIN_STATE_STARTING && group->failovertimeout != 0)
+        return false;
+    if (group->inst->config_reload_timer.pending())
+        return false;
+    return !failforward_may_move(group);
 }
 
 }  // namespace
@@ -347,4 +381,22 @@ int tovrin_conn_external_failover(tovrin_conn *conn) {
             tovrin_conn_deliver_message(conn->inst, member, conn, TOVRIN_MSG_MEMBER_FAILED);
     }
     return 0;
+}
+
+void tovrin_group_abandon_failover(tovrin_conn *group) {
+    if (group->type != TOVRIN_ORDEREDGROUP || group->current_state != TOVRIN_STATE_STOPPING_MEMBERS)
+        return;
+    // A reload's timer stops every conn when it fires, the standbys among
+    // them. A failforward cannot come: the stop or restart that ended the
+    // failover cancelled its timer, and no member reports tested while the
+    // group stops its members, since none of them may start.
+    if (group->inst->config_reload_timer.pending())
+        return;
+    for (const tovrin_link &link : group->members) {
+        if (link.name == group->active_conn_name)
+            continue;
+        tovrin_conn *member = find_member(group, link.name);
+        if (member != nullptr && tovrin_conn_is_active(member))
+            tovrin_conn_deliver_message(group->inst, group, member, TOVRIN_MSG_STOP);
+    }
 }

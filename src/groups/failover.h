@@ -20,6 +20,12 @@ void tovrin_group_ordered_failover(tovrin_conn *group);
 // when none is named).
 void tovrin_group_failforward(tovrin_conn *group);
 
+// After a stop or restart has ended a failover before the group's stop could
+// finish it: a group already stopping its members had stopped the active one
+// alone and now waits for all of them. Where nothing of the daemon's own
+// would ever stop the standbys still running, they are told to stop too.
+void tovrin_group_abandon_failover(tovrin_conn *group);
+
 // Ordered groups' failover and failforward timers: one-shot, in seconds.
 void tovrin_group_arm_failover(tovrin_conn *group, int seconds);
 void tovrin_group_arm_failforward(tovrin_conn *group, int seconds);

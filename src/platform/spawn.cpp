@@ -136,8 +136,10 @@ bool exec_failed(int error) {
 
 pid_t veltrane_proc_execp_nowait_fds(const char *file, char *const argv[], void *reserved,
                                      int *stdout_fd, int *stderr_fd) {
-    if (file == nullptr || file[0] == '\0' || argv == nullptr || reserved != nullptr ||
-        stdout_fd == nullptr || stderr_fd == nullptr) {
+    // An empty name is a program that cannot be found, as for exec: its
+    // child exits with 127 below.
+    if (file == nullptr || argv == nullptr || reserved != nullptr || stdout_fd == nullptr ||
+        stderr_fd == nullptr) {
         errno = EINVAL;
         return -1;
     }

@@ -11,7 +11,8 @@
 // mask. reserved must be null.
 // Returns the child's pid, which the caller reaps, with errno 0; or -1 with
 // errno set and nothing left open or running when no child can be made. A
-// program that cannot be found or executed still gives a child, which exits
-// with status 127 at once; errno then names the cause.
+// program that cannot be found (an empty name among them) or executed still
+// gives a child, which exits with status 127 at once; errno then names the
+// cause.
 pid_t veltrane_proc_execp_nowait_fds(const char *file, char *const argv[], void *reserved,
                                      int *stdout_fd, int *stderr_fd);

@@ -2,6 +2,7 @@
 
 #include <ctime>
 #include <new>
+#include <optional>
 #include <string>
 
 #include "config/graph_dump.h"
@@ -23,9 +24,35 @@ std::string cut(std::string text) {
     return text;
 }
 
+// Sets one of a group's keys. A request that cannot be built is dropped and
+// reported as one that cannot be queued; the caller goes on either way, so
+// a failover never stops half way for a key.
 void group_key_set(tovrin_conn *group, const char *suffix, const std::string &value) {
-    std::string key = cut("tovrin." + group->name + suffix);
-    tovrin_store_send(group->inst, TOVRIN_STORE_SET, key.c_str(), 1, cut(value).c_str());
+    try {
+        std::string key = cut("tovrin." + group->name + suffix);
+        tovrin_store_send(group->inst, TOVRIN_STORE_SET, key.c_str(), 1, cut(value).c_str());
+    } catch (const std::bad_alloc &) {
+        tovrin_log(TOVRIN_LOG_FATAL, "could not allocate message");
+    }
+}
+
+// The members' names joined by commas, cut at the length a key may have;
+// nullopt (reported) when the list cannot be built.
+std::optional<std::string> member_names(const tovrin_conn *group) {
+    try {
+        std::string names;
+        for (const tovrin_link &member : group->members) {
+            if (names.size() >= group_text_max)
+                break;
+            if (!names.empty())
+                names += ',';
+            names += member.name;
+        }
+        return cut(std::move(names));
+    } catch (const std::bad_alloc &) {
+        tovrin_log(TOVRIN_LOG_FATAL, "could not allocate message");
+        return std::nullopt;
+    }
 }
 
 }  // namespace
@@ -62,22 +89,16 @@ void tovrin_remove_status(tovrin_conn *conn) {
 
 void tovrin_group_set_active(tovrin_conn *group, std::string name) {
     group->active_conn_name = std::move(name);
-    std::string names;
     int position = 0;
     for (const tovrin_link &member : group->members) {
         if (!group->active_conn_name.empty() && member.name == group->active_conn_name) {
             group_key_set(group, ".active-connection-index", std::to_string(position));
             group_key_set(group, ".active-connection-name", group->active_conn_name);
         }
-        if (names.size() < group_text_max) {
-            if (!names.empty())
-                names += ',';
-            names += member.name;
-            names = cut(std::move(names));
-        }
         position++;
     }
-    group_key_set(group, ".connection-names", names);
+    if (std::optional<std::string> names = member_names(group))
+        group_key_set(group, ".connection-names", *names);
 }
 
 void tovrin_group_reset_active(tovrin_conn *group) {

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string>
 
@@ -167,8 +168,9 @@ void tovrin_store_read(evutil_socket_t fd, short, void *arg) {
         if (n < 0 && errno == EAGAIN)
             return;
         if (n <= 0) {
-            tovrin_log(TOVRIN_LOG_FATAL, "error reading message from stord %s",
-                       n == 0 ? "(connection closed)" : strerror(errno));
+            // A closed link reads no bytes and leaves errno as it was set
+            // above, so its text is that of no error.
+            tovrin_log(TOVRIN_LOG_FATAL, "error reading message from stord %s", strerror(errno));
             store_link_lost();
         }
         inst->store_rx_header_count += static_cast<size_t>(n);
@@ -177,10 +179,11 @@ void tovrin_store_read(evutil_socket_t fd, short, void *arg) {
 
         inst->store_rx_length = tovrin_frame_length(inst->store_rx_header);
         if (inst->store_rx_length == 0) {
-            // Nothing will ever arrive for an empty body, and a read of no
-            // bytes would look like a closed link: it is a notification
-            // without key or value, and the next frame follows.
-            tovrin_log(TOVRIN_LOG_FATAL, "error handling stord message");
+            // An empty body reads as no bytes, as a failed body read does,
+            // and is reported the same way. Nothing more will arrive for it,
+            // and a read for it would look like a closed link: the next
+            // frame follows.
+            tovrin_log(TOVRIN_LOG_FATAL, "error reading message from stord");
             inst->store_rx_state = 0;
             return;
         }
@@ -209,7 +212,13 @@ void tovrin_store_read(evutil_socket_t fd, short, void *arg) {
     if (inst->store_rx_count < inst->store_rx_length)
         return;
 
-    notification_dispatch(inst, inst->store_rx_buffer.get(), inst->store_rx_length);
-    inst->store_rx_buffer.reset();
+    // The reader is between frames before the notification is handled, so
+    // a handler cut short leaves it ready for the next one.
+    std::unique_ptr<char, free_deleter> body = std::move(inst->store_rx_buffer);
     inst->store_rx_state = 0;
+    try {
+        notification_dispatch(inst, body.get(), inst->store_rx_length);
+    } catch (const std::bad_alloc &) {
+        tovrin_log(TOVRIN_LOG_FATAL, "error handling stord message");
+    }
 }

@@ -43,7 +43,7 @@ void action_signal(const tovrin_queued_action *entry, int sig) {
 
 }  // namespace
 
-std::unique_ptr<tovrin_action> tovrin_action_new(const std::string &command, int type) {
+std::unique_ptr<tovrin_action> tovrin_action_new(std::string_view command, int type) {
     try {
         auto action = std::make_unique<tovrin_action>();
         action->type = type;
@@ -74,16 +74,15 @@ void tovrin_action_run(tovrin_queued_action *entry) {
     int out_fd = -1;
     int err_fd = -1;
     pid_t pid = -1;
-    int exec_error = 0;
     try {
         std::vector<char *> args;
         args.reserve(entry->argv.size() + 1);
         for (std::string &arg : entry->argv)
             args.push_back(arg.data());
         args.push_back(nullptr);
-        errno = 0;
+        // A program that is missing or cannot run still gives a child, which
+        // exits with 127: the command then fails like any other.
         pid = inst->spawn(entry->command_name.c_str(), args.data(), &out_fd, &err_fd);
-        exec_error = errno;
     } catch (const std::bad_alloc &) {
         pid = -1;
     }
@@ -94,11 +93,6 @@ void tovrin_action_run(tovrin_queued_action *entry) {
     }
     unique_fd out(out_fd);
     unique_fd err(err_fd);
-    // The program is missing or unusable: its stand-in child exits with 127
-    // and the command fails like any other; the cause is said here, once.
-    if (exec_error != 0)
-        tovrin_log(TOVRIN_LOG_FATAL, "cannot execute %s for conn %s: %s",
-                   entry->command_name.c_str(), conn->name.c_str(), strerror(exec_error));
     try {
         inst->running_actions[pid] = entry;
     } catch (const std::bad_alloc &) {

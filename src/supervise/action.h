@@ -8,6 +8,7 @@
 #include <ctime>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "daemon/event_slot.h"
@@ -32,9 +33,9 @@ struct tovrin_action {
     int32_t last_failure_nsec = 0;
 };
 
-// Makes a configured command; null (after logging) when it cannot be
-// allocated.
-std::unique_ptr<tovrin_action> tovrin_action_new(const std::string &command, int type);
+// Makes a configured command holding a copy of command; null (after
+// logging) when it cannot be allocated.
+std::unique_ptr<tovrin_action> tovrin_action_new(std::string_view command, int type);
 
 enum tovrin_queued_action_state {
     TOVRIN_QA_IDLE = 0,

@@ -187,10 +187,11 @@ void tovrin_conn_stop_up_actions(tovrin_conn *conn) {
         tovrin_queued_action *entry = (it++)->get();
         if (entry->pid != 0) {
             tovrin_conn_action_timeout(entry);
-        } else {
+        } else if (conn->type == TOVRIN_CONN) {
             // No child will ever exit for this entry, so nothing else would
             // take it out of the queue and the conn would wait in stopping
-            // up commands for good.
+            // up commands for good. (A group there is moved on by a member's
+            // start.)
             tovrin_conn_drop_up_action(conn, entry);
         }
     }

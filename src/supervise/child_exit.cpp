@@ -22,7 +22,7 @@
 namespace {
 
 // The longest wait before a conn whose up command failed is restarted.
-constexpr int64_t RESTART_DELAY_MAX_MS = 180000;
+constexpr int32_t RESTART_DELAY_MAX_MS = 180000;
 // An up command that exits cleanly this many times in a row, each time
 // within a second of its start, is re-spawned at most once a second.
 constexpr int QUICK_EXITS_BEFORE_THROTTLE = 3;
@@ -176,14 +176,16 @@ void up_action_exited(tovrin_conn *conn, tovrin_queued_action_list::iterator pos
         return;
     up_action_note_failure(conn, action);
 
-    // Computed wide: a product past 32 bits is a long delay, capped below,
-    // not a wrapped negative one.
-    int64_t delay_ms = static_cast<int64_t>(action->restarts) * conn->restartdelayfactor;
+    // Milliseconds in 32 bits: a product past them wraps, and a wrapped
+    // product of 0 or less restarts the conn at once. Formed wide and
+    // narrowed, so the wrap is defined.
+    const auto delay_ms =
+        static_cast<int32_t>(static_cast<int64_t>(action->restarts) * conn->restartdelayfactor);
     if (delay_ms > 0) {
-        delay_ms = std::min(delay_ms, RESTART_DELAY_MAX_MS);
+        const int32_t capped = std::min(delay_ms, RESTART_DELAY_MAX_MS);
         conn->up_action_failed_delay_event.set<tovrin_up_action_failed_delay>();
         conn->up_action_failed_delay_event.add_seconds(*conn->inst->clock, conn->inst->base.get(),
-                                                       conn, static_cast<long>(delay_ms / 1000));
+                                                       conn, static_cast<long>(capped / 1000));
         return;
     }
     if (conn_logs(conn, TOVRIN_LOG_DEBUG_WORD))

@@ -7,10 +7,10 @@
 #include "supervise/inst.h"
 #include "supervise/state.h"
 
-tovrin_conn::tovrin_conn(tovrin_inst *owner, const std::string &conn_name, int conn_type)
+tovrin_conn::tovrin_conn(tovrin_inst *owner, std::string_view conn_name, int conn_type)
     : inst(owner), name(conn_name), type(conn_type) {}
 
-std::unique_ptr<tovrin_conn> tovrin_conn_new(tovrin_inst *inst, const std::string &name, int type,
+std::unique_ptr<tovrin_conn> tovrin_conn_new(tovrin_inst *inst, std::string_view name, int type,
                                              int commandtimeout, int testperiod, int testdelay,
                                              int testtimeout, int testthreshold, int maxrestarts,
                                              int restartdelayfactor) {
@@ -39,7 +39,7 @@ namespace {
 
 // A conn with the defaults every definition starts from, appended to
 // new_conns; null after logging "Could not add conn".
-tovrin_conn *conn_append_default(tovrin_inst *inst, const std::string &name, int type) {
+tovrin_conn *conn_append_default(tovrin_inst *inst, std::string_view name, int type) {
     std::unique_ptr<tovrin_conn> conn = tovrin_conn_new(inst, name, type, 60, 30, 30, 30, 1, -1, 0);
     if (conn == nullptr) {
         tovrin_log(TOVRIN_LOG_FATAL, "Could not add conn");
@@ -55,11 +55,11 @@ tovrin_conn *conn_append_default(tovrin_inst *inst, const std::string &name, int
 
 // Appends name to one of a conn's link lists. A link that cannot be made is
 // reported as a link, then as the relation it was for.
-void link_add(tovrin_link_list &links, const std::string &name, const char *message) {
+void link_add(tovrin_link_list &links, std::string_view name, const char *message) {
     if (name.empty())
         return;
     try {
-        links.add(name);
+        links.add(std::string(name));
     } catch (const std::bad_alloc &) {
         tovrin_log(TOVRIN_LOG_FATAL, "Could not allocate link name");
         tovrin_log(TOVRIN_LOG_FATAL, "%s", message);
@@ -68,7 +68,7 @@ void link_add(tovrin_link_list &links, const std::string &name, const char *mess
 
 }  // namespace
 
-tovrin_conn *tovrin_conn_add_deaf(tovrin_inst *inst, const std::string &name) {
+tovrin_conn *tovrin_conn_add_deaf(tovrin_inst *inst, std::string_view name) {
     tovrin_conn *conn = conn_append_default(inst, name, TOVRIN_CONN);
     if (conn == nullptr) {
         tovrin_log(TOVRIN_LOG_FATAL, "Could not add deaf conn");
@@ -78,7 +78,7 @@ tovrin_conn *tovrin_conn_add_deaf(tovrin_inst *inst, const std::string &name) {
     return conn;
 }
 
-tovrin_conn *tovrin_group_add(tovrin_inst *inst, const std::string &name, int type) {
+tovrin_conn *tovrin_group_add(tovrin_inst *inst, std::string_view name, int type) {
     tovrin_conn *group = conn_append_default(inst, name, type);
     if (group == nullptr) {
         tovrin_log(TOVRIN_LOG_FATAL, "Could not add group");
@@ -89,17 +89,17 @@ tovrin_conn *tovrin_group_add(tovrin_inst *inst, const std::string &name, int ty
     return group;
 }
 
-void tovrin_conn_add_parent(tovrin_conn *conn, const std::string &name) {
+void tovrin_conn_add_parent(tovrin_conn *conn, std::string_view name) {
     if (conn != nullptr)
         link_add(conn->parents, name, "Could not allocate parent");
 }
 
-void tovrin_conn_add_child(tovrin_conn *conn, const std::string &name) {
+void tovrin_conn_add_child(tovrin_conn *conn, std::string_view name) {
     if (conn != nullptr)
         link_add(conn->children, name, "Could not allocate child");
 }
 
-void tovrin_group_add_member(tovrin_conn *conn, const std::string &name) {
+void tovrin_group_add_member(tovrin_conn *conn, std::string_view name) {
     if (conn != nullptr)
         link_add(conn->members, name, "Could not allocate member");
 }

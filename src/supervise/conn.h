@@ -5,6 +5,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "command/file_dep.h"
@@ -30,7 +31,7 @@ using tovrin_queued_action_list = std::list<std::unique_ptr<tovrin_queued_action
 // referenced but never defined. Owned by the instance list it is in; holds
 // events, so it never moves. Relations to other conns are names only.
 struct tovrin_conn {
-    tovrin_conn(tovrin_inst *owner, const std::string &conn_name, int conn_type);
+    tovrin_conn(tovrin_inst *owner, std::string_view conn_name, int conn_type);
     tovrin_conn(const tovrin_conn &) = delete;
     tovrin_conn &operator=(const tovrin_conn &) = delete;
 
@@ -90,21 +91,22 @@ struct tovrin_conn {
 // A conn record with the given settings and the default log mask of the
 // configuration being parsed (new_globals), in no list; null after logging
 // "Could not allocate conn".
-std::unique_ptr<tovrin_conn> tovrin_conn_new(tovrin_inst *inst, const std::string &name, int type,
+std::unique_ptr<tovrin_conn> tovrin_conn_new(tovrin_inst *inst, std::string_view name, int type,
                                              int commandtimeout, int testperiod, int testdelay,
                                              int testtimeout, int testthreshold, int maxrestarts,
                                              int restartdelayfactor);
 
 // Appends a deaf placeholder conn named name to new_conns; null after logging.
-tovrin_conn *tovrin_conn_add_deaf(tovrin_inst *inst, const std::string &name);
+tovrin_conn *tovrin_conn_add_deaf(tovrin_inst *inst, std::string_view name);
 
 // Appends a group of the given type to new_conns; null after logging.
-tovrin_conn *tovrin_group_add(tovrin_inst *inst, const std::string &name, int type);
+tovrin_conn *tovrin_group_add(tovrin_inst *inst, std::string_view name, int type);
 
-// Each appends name to its list unless it is already there.
-void tovrin_conn_add_parent(tovrin_conn *conn, const std::string &name);
-void tovrin_conn_add_child(tovrin_conn *conn, const std::string &name);
-void tovrin_group_add_member(tovrin_conn *conn, const std::string &name);
+// Each appends a copy of name to its list unless it is already there; a
+// link that cannot be made is logged and left out.
+void tovrin_conn_add_parent(tovrin_conn *conn, std::string_view name);
+void tovrin_conn_add_child(tovrin_conn *conn, std::string_view name);
+void tovrin_group_add_member(tovrin_conn *conn, std::string_view name);
 
 // Records the conn's group; a second one is refused and the first kept.
 void tovrin_conn_set_group(tovrin_conn *conn, const std::string &name);

@@ -93,6 +93,8 @@ struct tovrin_inst {
     // and it is handed over; the simulator sets its own log masks here.
     // Empty in the daemon.
     std::function<void(tovrin_inst *inst)> config_parsed;
+    // Conns one variable search may visit; tests lower it.
+    long var_search_max_visits = TOVRIN_VAR_SEARCH_MAX_VISITS;
     // The line of the configuration file being read, counted from 1; 0
     // outside a load. Lets whoever reads the log say where a message came
     // from.

@@ -20,10 +20,12 @@ const char *sender_name(const tovrin_conn *conn, const char *none) {
 // failover in progress, no failforward waiting.
 void conn_interrupt(tovrin_conn *conn) {
     conn->restart_after_stopping = false;
-    if (conn->currently_failing_over)
-        tovrin_group_abandon_failover(conn);
+    const bool was_failing_over = conn->currently_failing_over;
+    conn->currently_failing_over = false;
     if (conn->type == TOVRIN_ORDEREDGROUP)
         tovrin_group_cancel_failforward(conn);
+    if (was_failing_over)
+        tovrin_group_abandon_failover(conn);
 }
 
 void message_handle(const tovrin_msg &msg) {
@@ -105,7 +107,13 @@ void tovrin_dispatch_messages(evutil_socket_t, short, void *arg) {
             tovrin_log(TOVRIN_LOG_ERROR, "conn msg has no recipient");
             return;
         }
-        message_handle(msg);
+        try {
+            message_handle(msg);
+        } catch (const std::bad_alloc &) {
+            // This handler was cut short; the messages queued after it are
+            // still handled now, not left until the next delivery.
+            event_slot_out_of_memory();
+        }
     }
 }
 

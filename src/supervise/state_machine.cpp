@@ -527,22 +527,6 @@ void tovrin_conn_restart(tovrin_conn *conn) {
     queue_run(conn);
 }
 
-void tovrin_group_abandon_failover(tovrin_conn *group) {
-    group->currently_failing_over = false;
-    // Only here would the group wait for good: in stopping members it has
-    // stopped its active member alone, and now waits for every member, while
-    // the standbys it left running have no reason ever to stop.
-    if (!is_group(group) || group->current_state != TOVRIN_STATE_STOPPING_MEMBERS)
-        return;
-    for (const tovrin_link &link : group->members) {
-        if (link.name == group->active_conn_name)
-            continue;
-        tovrin_conn *member = find(group, link.name);
-        if (member != nullptr && tovrin_conn_is_active(member))
-            send(group, member, TOVRIN_MSG_STOP);
-    }
-}
-
 void tovrin_group_member_down(tovrin_conn *group) {
     if (group == nullptr)
         return;

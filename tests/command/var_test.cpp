@@ -18,7 +18,8 @@ const char world[] =
     "conn dia\n\tparent left\n\tparent right\nconn left\n\tparent top\nconn right\n\tparent top\n"
     "conn top\n\tvar x top\n\tparent gone\n"
     "conn self\n\tparent self\n\tparent p2\nconn r1\n\tparent r2\nconn r2\n\tparent r3\n"
-    "conn r3\n\tparent r1\n\tparent p3\nanygroup loop1\nanygroup loop2\n";
+    "conn r3\n\tparent r1\n\tparent p3\nanygroup loop1\nanygroup loop2\n"
+    "conn s1\n\tparent s2\n\tvar x s1\nconn s2\n\tparent s1\n";
 
 struct strategy_case {
     const char *conn, *reference;
@@ -69,7 +70,9 @@ TEST(VarSearch, EachStrategyVisitsItsHolders) {
         // A conn met again on its own path is skipped, said once per search.
         {"self", "x", "p2", {cycle("self")}}, {"self", "all:x", "p2", {cycle("self")}},
         {"r1", "x", "p3", {cycle("r1")}}, {"r1", "all:x", "p3", {cycle("r1")}},
-        {"r2", "parents_all:x", "p3", {cycle("r2")}}, {"loop1", "local:x", none, {cycle("loop1")}},
+        {"r2", "parents_all:x", "p3", {cycle("r3")}}, {"loop1", "local:x", none, {cycle("loop1")}},
+        // parents_all leaves the conn out, unless its parents lead back to it.
+        {"s1", "parents_all:x", "s1"},
         {"loop1", "x", none, {cycle("loop1")}},
     };
     // clang-format on
@@ -102,29 +105,47 @@ TEST(VarSearch, DebugLinesFollowTheVisits) {
                        "Looking for var z in index 2", "Found z - comparing to z"}));
 }
 
-// Long ancestries are walked without recursion; forty diamonds in a row
-// (2^40 paths) stop at the bound, said once, with what was collected.
+// A ladder of diamonds: rungs conns <prefix>j<i>, each with two parents
+// <prefix>l<i> and <prefix>r<i> that share the parent <prefix>j<i + 1>; the
+// top holds x. 2^rungs paths lead from the foot to the top.
+static std::string ladder(const std::string &prefix, int rungs) {
+    std::string text;
+    for (int i = 0; i < rungs; i++) {
+        const std::string n = std::to_string(i), next = prefix + "j" + std::to_string(i + 1);
+        text += "conn " + prefix + "j" + n + "\n\tparent " + prefix + "l" + n + "\n\tparent " +
+                prefix + "r" + n + "\nconn " + prefix + "l" + n + "\n\tparent " + next + "\nconn " +
+                prefix + "r" + n + "\n\tparent " + next + "\n";
+    }
+    return text + "conn " + prefix + "j" + std::to_string(rungs) + "\n\tvar x t\n";
+}
+
+// Long ancestries are walked without recursion. Fifteen diamonds in a row
+// (48 conns, 2^15 paths, 131,069 visits) are walked whole, the values
+// collected kept to what a command's token can hold; with a bound of one
+// visit less the search stops there, said once, with what it had collected.
+// (The daemon's own bound takes seconds to reach: bench/var_search.)
 TEST(VarSearch, LongChainsAndDiamondLaddersEnd) {
     std::string text;
     for (int i = 0; i < 10000; i++)
         text += "conn c" + std::to_string(i) + "\n\tparent c" + std::to_string(i + 1) + "\n";
-    text += "conn c10000\n\tvar x end\n";
-    for (int i = 0; i < 40; i++) {
-        std::string j = std::to_string(i), next = std::to_string(i + 1);
-        text += "conn j" + j + "\n\tparent l" + j + "\n\tparent r" + j + "\nconn l" + j +
-                "\n\tparent j" + next + "\nconn r" + j + "\n\tparent j" + next + "\n";
-    }
-    text += "conn j40\n\tvar x t\n";
+    text += "conn c10000\n\tvar x end\n" + ladder("a", 15);
     test_inst t(text);
     log_capture log;
     EXPECT_EQ(tovrin_var_expand(t.conn("c0"), "x"), maybe("end"));
     EXPECT_EQ(tovrin_var_expand(t.conn("c0"), "all:x"), maybe("end"));
+    std::string every;
+    for (int path = 0; path < 1 << 15; path++)
+        every += path == 0 ? "t" : " t";
+    EXPECT_EQ(tovrin_var_expand(t.conn("aj0"), "all:x"), maybe(every.substr(0, 1023)));
+    t.inst.var_search_max_visits = (4 << 15) - 3;
+    EXPECT_EQ(tovrin_var_expand(t.conn("aj0"), "all:x"), maybe(every.substr(0, 1023)));
     EXPECT_TRUE(log.records.empty());
-    maybe all = tovrin_var_expand(t.conn("j0"), "all:x");
-    ASSERT_TRUE(all.has_value());
-    EXPECT_EQ(all->substr(0, 4), "t t ");
+    t.inst.var_search_max_visits--;
+    maybe cut = tovrin_var_expand(t.conn("aj0"), "all:x");
+    ASSERT_TRUE(cut.has_value());
+    EXPECT_EQ(cut->substr(0, 4), "t t ");
     EXPECT_EQ(log.messages(),
-              (strings{"variable search for x stopped after visiting 100000 conns"}));
+              (strings{"variable search for x stopped after visiting 131068 conns"}));
 
     // Closed into a cycle, the chain is its own ancestry: a start walks it
     // up to the conn it began with and waits there; a search meets the cycle.

@@ -1,6 +1,8 @@
 // tovrin-sandbox with the real stord and real commands, seen from outside.
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include "support/test_inst.h"
 
@@ -89,4 +91,28 @@ TEST(Daemon, RefusesASecondInstanceAndAMissingStore) {
     EXPECT_EQ(s.daemon->wait_exit(10s), 255);
     EXPECT_TRUE(s.wait_log("could not open stord socket"));
     EXPECT_FALSE(s.root.exists("var/run/tovrin.pid"));
+}
+
+// A signal that comes while the configuration is still being read (here the
+// load waits on a file dependency that is a pipe) is handled once the loop
+// runs: a SIGHUP then reloads, where it would have ended the daemon.
+TEST(Daemon, ASignalDuringTheFirstLoadIsHandledOnceTheLoopRuns) {
+    e2e_sandbox s;
+    const std::string pipe = s.root.file("dependency");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    s.start("conn a\n\tfile-dependency " + pipe + "\n");
+    ASSERT_TRUE(s.wait_log("initialising"));
+    kill(s.daemon->pid(), SIGHUP);
+    // Each load reads the pipe to its end, which a writer that comes and
+    // goes makes.
+    auto end_pipe = [&] {
+        return wait_until(
+            [&] { return unique_fd(open(pipe.c_str(), O_WRONLY | O_NONBLOCK)).valid(); });
+    };
+    ASSERT_TRUE(end_pipe());
+    ASSERT_TRUE(s.wait_log("SIGHUP - Reloading Config")) << s.log();
+    ASSERT_TRUE(end_pipe());
+    ASSERT_TRUE(s.wait_log("Finished Reloading Config")) << s.log();
+    ASSERT_TRUE(s.wait_status("a", "up"));
+    s.stop_store();
 }

@@ -17,6 +17,20 @@ TEST(Action, CommandLineKeepsTheArgumentsThatFit) {
         EXPECT_EQ(tovrin_action_command_line(argv), line);
 }
 
+// Turns t's loop until done() holds; false when ten seconds pass first.
+static bool loop_until(test_inst &t, const std::function<bool()> &done) {
+    auto deadline = std::chrono::steady_clock::now() + 10s;
+    const timeval tick{0, 20000};
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        t.dispatch();
+        event_base_loopexit(t.inst.base.get(), &tick);
+        event_base_loop(t.inst.base.get(), 0);
+    }
+    return true;
+}
+
 // Real children (one of them named by a single letter): output is drained
 // as it comes (kept up to each read's first NUL, at most 64 KiB), end of
 // file stops the reading while the child lives on, a grandchild holding the
@@ -31,19 +45,7 @@ TEST(Action, RealChildrenAreDrainedReapedAndForgotten) {
     ASSERT_EQ(t.load(), 0);
     const int fds = open_fd_count(getpid());
     tovrin_conn *a = t.conn("a");
-    // Turns the loop until done() holds; false when ten seconds pass first.
-    auto wait_for = [&](const std::function<bool()> &done) {
-        auto deadline = std::chrono::steady_clock::now() + 10s;
-        const timeval tick{0, 20000};
-        while (!done()) {
-            if (std::chrono::steady_clock::now() >= deadline)
-                return false;
-            t.dispatch();
-            event_base_loopexit(t.inst.base.get(), &tick);
-            event_base_loop(t.inst.base.get(), 0);
-        }
-        return true;
-    };
+    auto wait_for = [&t](const std::function<bool()> &done) { return loop_until(t, done); };
     t.deliver("a", TOVRIN_MSG_START);
     ASSERT_TRUE(wait_for([&] { return a->queued_up_actions.size() == 2; }));
     const tovrin_queued_action &nul = *a->queued_up_actions.front();
@@ -59,4 +61,24 @@ TEST(Action, RealChildrenAreDrainedReapedAndForgotten) {
     ASSERT_TRUE(wait_for([&] { return a->current_state == TOVRIN_STATE_DOWN; }));
     EXPECT_TRUE(t.inst.running_actions.empty());
     EXPECT_EQ(open_fd_count(getpid()), fds);
+}
+
+// A program name that is empty (a first word made only of a reference that
+// finds nothing, or an empty pair of quotes) names a program that cannot be
+// found: the child exits with 127 and the command has failed, as for a
+// missing program, and the conn goes on.
+TEST(Action, AnEmptyProgramNameFailsLikeAMissingProgram) {
+    test_inst t;
+    t.write_config(
+        "conn a\n\tlog none\n\tlog +startfail\n\tstart %undefined% --x\n\tstart \"\"\n"
+        "\tstart /nonexistent/program --y\n");
+    ASSERT_EQ(t.load(), 0);
+    log_capture log;
+    t.deliver("a", TOVRIN_MSG_START);
+    ASSERT_TRUE(loop_until(t, [&] { return t.conn("a")->current_state == TOVRIN_STATE_UP; }));
+    EXPECT_EQ(log.records, (std::vector<log_record>{
+                               {300, "start command failed for conn a :  --x"},
+                               {300, "start command failed for conn a : "},
+                               {300, "start command failed for conn a : /nonexistent/program --y"},
+                           }));
 }
