@@ -133,8 +133,17 @@ bool test_inst::dispatch() {
     return false;
 }
 
+std::chrono::milliseconds scaled(std::chrono::milliseconds bound) {
+    static const double scale = [] {
+        const char *text = std::getenv("TOVRIN_TEST_TIME_SCALE");
+        double value = text != nullptr ? std::atof(text) : 0;
+        return value > 0 ? value : 1.0;
+    }();
+    return std::chrono::milliseconds(static_cast<long>(static_cast<double>(bound.count()) * scale));
+}
+
 bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout) {
-    for (auto deadline = std::chrono::steady_clock::now() + timeout; !pred();
+    for (auto deadline = std::chrono::steady_clock::now() + scaled(timeout); !pred();
          std::this_thread::sleep_for(10ms)) {
         if (std::chrono::steady_clock::now() >= deadline)
             return false;

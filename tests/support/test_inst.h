@@ -126,8 +126,15 @@ struct test_inst {
 
 using namespace std::chrono_literals;
 
-// Polls pred until it holds; false when timeout passes first.
-bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout = 15s);
+// How long an end-to-end test waits for an event before it gives up: enough
+// for a machine ten times slower than the ones the suite was written on.
+// Every bound is multiplied by TOVRIN_TEST_TIME_SCALE (a number, 1 unless
+// set) for slower hosts still.
+constexpr std::chrono::milliseconds E2E_WAIT = 60s;
+std::chrono::milliseconds scaled(std::chrono::milliseconds bound);
+
+// Polls pred until it holds; false when the scaled timeout passes first.
+bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout = E2E_WAIT);
 
 // What /proc says of a process: its open descriptors, its resident KiB.
 int open_fd_count(pid_t pid);
@@ -143,7 +150,7 @@ class child_process {
 
     pid_t pid() const { return pid_; }
     // The exit status, or 128 + the signal; nullopt while it runs past timeout.
-    std::optional<int> wait_exit(std::chrono::milliseconds timeout = 15s);
+    std::optional<int> wait_exit(std::chrono::milliseconds timeout = E2E_WAIT);
 
   private:
     pid_t pid_;
@@ -161,9 +168,9 @@ struct e2e_sandbox {
     // The states published for conn, in order.
     strings statuses(const std::string &conn) const;
     bool wait_status(const std::string &conn, const std::string &state,
-                     std::chrono::milliseconds timeout = 15s) const;
+                     std::chrono::milliseconds timeout = E2E_WAIT) const;
     std::string log() const { return root.read_file("var/log/tovrin.log"); }
-    bool wait_log(const std::string &text, std::chrono::milliseconds timeout = 15s) const {
+    bool wait_log(const std::string &text, std::chrono::milliseconds timeout = E2E_WAIT) const {
         return wait_until([&] { return log().find(text) != std::string::npos; }, timeout);
     }
     // Sets a store key as another service of the appliance would.
