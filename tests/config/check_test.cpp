@@ -52,7 +52,8 @@ TEST(Check, ReportsEveryProblemWithItsLine) {
 }
 
 // The exit status says what the daemon would do, as the manual numbers it
-// (0 clean, 1 warnings, 2 refused); the shipped example is clean; a second file gets the plan of a reload, conn by conn.
+// (0 clean, 1 warnings, 2 refused); the shipped example is clean; a second
+// file gets the plan of a reload, conn by conn.
 TEST(Check, ExitStatusSaysWhatTheDaemonWouldDo) {
     temp_dir dir;
     const std::string conf = dir.file("c.conf"), refused = ": Failed To Load Config";
