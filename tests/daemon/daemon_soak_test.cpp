@@ -83,30 +83,18 @@ TEST(Soak, FlappingReloadsCommandsAndDumps) {
         kill(s.daemon->pid(), SIGHUP);
         return wait_until(all_up, 5 * E2E_WAIT);
     };
-    // What the daemon holds once all is up: the least seen over two test
-    // periods, since every test run holds pipes and memory while it lasts.
-    auto held = [&] {
-        int fds = INT_MAX;
-        long rss = LONG_MAX;
-        wait_until(
-            [&] {
-                fds = std::min(fds, open_fd_count(s.daemon->pid()));
-                rss = std::min(rss, rss_kib(s.daemon->pid()));
-                return false;
-            },
-            4s);
-        return std::pair(fds, rss);
-    };
     // The warm-up runs the same churn, so that what the allocator keeps for
-    // reuse (much more under the sanitizer) is already counted.
+    // reuse (much more under the sanitizer) is already counted. What the
+    // daemon holds once all is up is the least seen over two test periods,
+    // since every test run holds pipes and memory while it lasts.
     ASSERT_TRUE(churn(soak / 3)) << s.log();
-    const auto [warm_fds, warm_rss] = held();
+    const held_range warm = held_over(s.daemon->pid(), 4s);
     ASSERT_TRUE(churn(soak - soak / 3)) << s.log();
     std::istringstream journal(s.root.read_file("journal"));
     EXPECT_GT(std::count(std::istream_iterator<std::string>(journal), {}, "down"), 400)
         << "the soak flapped too little";
-    const auto [fds, rss] = held();
-    EXPECT_LE(fds, warm_fds);
-    EXPECT_LE(rss, warm_rss + 4 * 1024);
+    const held_range after = held_over(s.daemon->pid(), 4s);
+    EXPECT_LE(after.fds_least, warm.fds_least);
+    EXPECT_LE(after.rss_least, warm.rss_least + 4 * 1024);
     s.stop_store();
 }

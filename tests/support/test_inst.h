@@ -136,9 +136,18 @@ std::chrono::milliseconds scaled(std::chrono::milliseconds bound);
 // Polls pred until it holds; false when the scaled timeout passes first.
 bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout = E2E_WAIT);
 
-// What /proc says of a process: its open descriptors, its resident KiB.
+// What /proc says of a process: its open descriptors; a size in KiB from its
+// status ("VmRSS", "VmSize"), -1 when not found.
 int open_fd_count(pid_t pid);
-long rss_kib(pid_t pid);
+long status_kib(pid_t pid, const std::string &field);
+
+// The least and the most a process held over a window of time (scaled), as
+// often as wait_until polls: one sample would judge a passing moment.
+struct held_range {
+    int fds_least, fds_most;
+    long rss_least, rss_most;
+};
+held_range held_over(pid_t pid, std::chrono::milliseconds window);
 
 // A program started with fork and exec, its output appended to a file. The
 // object owns it: one still running when the object goes is killed.
