@@ -168,13 +168,13 @@ long status_kib(pid_t pid, const std::string &field) {
 }
 
 held_range held_over(pid_t pid, std::chrono::milliseconds window) {
-    held_range held{INT_MAX, 0, LONG_MAX, 0};
+    held_range held{INT_MAX, LONG_MAX, 0};
     wait_until(
         [&] {
             int fds = open_fd_count(pid);
             long rss = status_kib(pid, "VmRSS");
-            held = {std::min(held.fds_least, fds), std::max(held.fds_most, fds),
-                    std::min(held.rss_least, rss), std::max(held.rss_most, rss)};
+            held = {std::min(held.fds_least, fds), std::min(held.rss_least, rss),
+                    std::max(held.rss_most, rss)};
             return false;
         },
         window);

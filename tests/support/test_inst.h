@@ -141,10 +141,11 @@ bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds tim
 int open_fd_count(pid_t pid);
 long status_kib(pid_t pid, const std::string &field);
 
-// The least and the most a process held over a window of time (scaled), as
-// often as wait_until polls: one sample would judge a passing moment.
+// The least a process held over a window of time (scaled), and the most
+// memory, sampled as often as wait_until polls: one sample would judge a
+// passing moment.
 struct held_range {
-    int fds_least, fds_most;
+    int fds_least;
     long rss_least, rss_most;
 };
 held_range held_over(pid_t pid, std::chrono::milliseconds window);
