@@ -2,21 +2,24 @@
 # Builds and runs the whole suite twice: once with warnings as errors, once
 # under AddressSanitizer, UndefinedBehaviorSanitizer and LeakSanitizer, where
 # any report fails the run. The sanitizer run adds the soak (a minute of
-# flapping, reloads and commands).
+# flapping, reloads and commands). The normal build counts coverage, and the
+# line and branch coverage of src/ is printed after its tests.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-
-# A sanitizer report in the daemon or a tool started by a test changes its exit
-# status to this value, which no test expects.
-export ASAN_OPTIONS="detect_leaks=1:exitcode=86:abort_on_error=0:strict_string_checks=1"
-export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1:exitcode=86"
-export LSAN_OPTIONS="exitcode=86"
+. scripts/sanitizer-options.sh
 
 jobs=$(nproc)
 
-echo "== normal build (warnings are errors)"
-scripts/setup.sh build -DTOVRIN_WERROR=ON
+echo "== normal build (warnings are errors, coverage counted)"
+# Counts left by an earlier run would add up with this one's, and those of
+# a changed program would be refused; the build itself runs the tests to
+# list them.
+[ ! -d build ] || find build -name '*.gcda' -delete
+SETUP_EXTRA_PACKAGES=gcovr scripts/setup.sh build -DTOVRIN_WERROR=ON -DTOVRIN_COVERAGE=ON
+find build -name '*.gcda' -delete
 ctest --test-dir build --output-on-failure -j"$jobs" -LE soak
+echo "== coverage of src/ by the tests above"
+gcovr --root . --filter 'src/' -j"$jobs" --print-summary build
 
 echo "== sanitizer build (address, undefined, leak)"
 scripts/setup.sh build-asan -DTOVRIN_WERROR=ON -DTOVRIN_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug

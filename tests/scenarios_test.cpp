@@ -1,6 +1,7 @@
 // Runs every scenario file (*.scn) of the suite: each scenario is one test,
 // named after its file and its title. A file holds scenarios, each opened by
-// "scenario NAME"; strings starting with '#' are comments.
+// "scenario NAME"; lines starting with '#' are comments, and any other line
+// before the first scenario fails the file.
 //
 //   | TEXT        a line of the configuration file ("| " is cut off, ROOT
 //                 stands for the root's path, " ; " starts a clause line,
@@ -45,7 +46,9 @@
 //
 // Time is virtual: it passes only by "clock" steps, and a timer fires only
 // when a step fires it or time reaches it (a zero delay is due at once); a
-// timer armed on the wall clock fails the scenario. Timers: keepalive,
+// timer armed on the wall clock fails the scenario. After every step each
+// queued message, running child and pending timer must belong to a conn in
+// force (or to the instance). Timers: keepalive,
 // reload, CONN.test, CONN.failover, CONN.failforward, CONN.updelay,
 // CONN.PROG.timeout, CONN.PROG.kill, CONN.PROG.respawn. A failover timestamp
 // reads NOW when it is the virtual wall clock; the root's path
@@ -76,6 +79,10 @@ using numbered = std::vector<std::pair<int, std::string>>;  // line number, text
 
 // What the wall clock reads when a scenario starts: 2026-01-01 00:00:00 UTC.
 constexpr time_t SCENARIO_WALL_START = 1767225600;
+
+// The first words of the expected events.
+const std::set<std::string> EVENTS = {"status", "set", "sub", "unsub", "del",
+                                      "frame",  "log", "run", "kill",  "sleep"};
 
 struct scenario {
     std::string file, name, test_name;
@@ -185,13 +192,25 @@ struct runner {
 
     // Runs the loop until nothing is left to do, timers due by now included
     // (a zero delay is due at once); time itself stands still.
-    void settle() {
+    void settle(int line) {
         run_until_quiet();
-        if (!clock->advance_to(t.inst.base.get(), clock->now(), [this] { run_until_quiet(); })) {
-            for (const auto &timer : clock->timers(t.inst.base.get())) {
-                if (timer.on_wall)
-                    fail(0, "a timer runs on the wall clock: " + timer_name(timer.ev));
-            }
+        clock->advance_to(t.inst.base.get(), clock->now(), [this] { run_until_quiet(); });
+        std::set<const tovrin_conn *> live;
+        for (tovrin_conn &conn : t.inst.conns)
+            live.insert(&conn);
+        for (const tovrin_msg &msg : t.inst.message_queue) {
+            if (live.count(msg.dst) == 0 || (msg.src != nullptr && live.count(msg.src) == 0))
+                fail(line, "a queued message names a conn not in force");
+        }
+        for (const auto &[pid, entry] : t.inst.running_actions) {
+            if (live.count(entry->conn) == 0)
+                fail(line, "child " + std::to_string(pid) + " belongs to a conn not in force");
+        }
+        for (const auto &timer : clock->timers(t.inst.base.get())) {
+            if (timer.on_wall)
+                fail(line, "a timer runs on the wall clock: " + timer_name(timer.ev));
+            else if (timer_name(timer.ev).empty())
+                fail(line, "a pending timer belongs to nothing in force");
         }
     }
 
@@ -267,12 +286,13 @@ struct runner {
         return all.count(name) != 0 ? all[name] : nullptr;
     }
 
+    // The timer's name; "" when nothing in force has it.
     std::string timer_name(const event *ev) {
         for (const auto &[name, named] : named_timers()) {
             if (named == ev)
                 return name;
         }
-        return "(unnamed)";
+        return "";
     }
 
     void step(int line, const std::string &text) {
@@ -343,7 +363,7 @@ struct runner {
         } else {
             return fail(line, "unknown step: " + text);
         }
-        settle();
+        settle(line);
     }
 
     // Per channel (store, log, processes), produced must equal expected, or
@@ -389,7 +409,7 @@ struct runner {
                 if (due && what == "timer" && std::to_string(left) != word_at(item, 1))
                     fail(line, "timer " + item + ": " + std::to_string(left) + " s left");
             }
-        } else if (what == "same") {
+        } else {  // same
             std::ifstream in(t.root.file(word_at(rest, 0)));
             std::string skip;
             for (int n = std::atoi(word_at(rest, 2).c_str()); n > 0; n--)
@@ -401,12 +421,16 @@ struct runner {
             std::ifstream g(golden);
             if (produced != std::string(std::istreambuf_iterator<char>(g), {}))
                 fail(line, "differs from " + golden.string() + ":\n" + produced);
-        } else {
-            fail(line, "unknown expectation: " + text);
         }
     }
 
     void run() {
+        if (s.name.empty()) {
+            for (const auto &[line, text] : s.lines) {
+                if (!trimmed(text).empty() && !text.starts_with("#"))
+                    fail(line, "outside a scenario: " + text);
+            }
+        }
         for (size_t i = 0; i < s.lines.size() && !failed;) {
             const auto &[line, text] = s.lines[i++];
             if (text.starts_with("logs ")) {
@@ -433,8 +457,10 @@ struct runner {
                     } else if (first == "state" || first == "timer" || first == "idle" ||
                                first == "same") {
                         checks.emplace_back(s.lines[i].first, e);
-                    } else if (first[0] != '#') {
+                    } else if (EVENTS.count(first) != 0) {
                         expected.push_back(e);
+                    } else if (!e.empty() && first[0] != '#') {
+                        fail(s.lines[i].first, "unknown expectation: " + e);
                     }
                 }
                 store_events(&produced);
@@ -476,6 +502,9 @@ std::vector<scenario> scenarios() {
                 out.push_back(scenario{file, text.substr(9), name, {}});
             } else if (!out.empty() && out.back().file == file) {
                 out.back().lines.emplace_back(line, text);
+            } else if (!trimmed(text).empty() && !text.starts_with("#")) {
+                std::string name = std::filesystem::path(file).stem().string() + "_outside";
+                out.push_back(scenario{file, "", name, {{line, text}}});
             }
         }
     }

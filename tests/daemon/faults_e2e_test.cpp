@@ -22,8 +22,11 @@ struct raw_store {
     }
     void accept_daemon() {
         pollfd p{listener.get(), POLLIN, 0};
-        ASSERT_EQ(poll(&p, 1, 10000), 1);
+        ASSERT_EQ(poll(&p, 1, static_cast<int>(scaled(E2E_WAIT).count())), 1);
         daemon.reset(accept(listener.get(), nullptr, nullptr));
+        // A daemon that stops talking fails the test instead of hanging it.
+        const timeval bound{scaled(E2E_WAIT).count() / 1000, 0};
+        setsockopt(daemon.get(), SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
         std::string got(34, '\0');
         ASSERT_EQ(recv(daemon.get(), got.data(), got.size(), MSG_WAITALL), 34);
         ASSERT_EQ(got.substr(4), "2\036tovrin\036config.tovrin.command");
@@ -35,19 +38,36 @@ struct raw_store {
 // one ends the daemon at once, its pid file with it, saying why (between
 // frames with the system's text for the read, which is that of no error).
 // An empty body ends nothing, nor does one announced at 4 GiB, which costs
-// only what arrives.
+// only what arrives (in the normal build).
 TEST(Faults, TheStoreBreaksOffTheLink) {
     const std::string cuts[] = {"", std::string("\0\0", 2),
                                 std::string("\377\377\377\3778\036k", 7)};
     for (const std::string &cut : cuts) {
+        SCOPED_TRACE(cut.size());
+        const bool huge = cut.size() > 4;
         e2e_sandbox s(false);
         raw_store store(s.root);
-        s.start("conn a\n");
+        // Under the sanitizer the leak check at exit reads every page of the
+        // 4 GiB body, which takes longer than a slow machine should be
+        // waited for; the other cuts leave through the same exit with it.
+        const char *asan = getenv("ASAN_OPTIONS");
+        strings wrapper{"/usr/bin/env", "ASAN_OPTIONS=" + std::string(asan != nullptr ? asan : "") +
+                                            (huge ? ":detect_leaks=0" : "")};
+        s.start("conn a\n", wrapper);
         store.accept_daemon();
         std::string bytes = std::string("\0\0\0\0", 4) + cut;
         ASSERT_EQ(write(store.daemon.get(), bytes.data(), bytes.size()), ssize_t(bytes.size()));
         ASSERT_TRUE(s.wait_log("tovrin - error reading message from stord\n"));
-        EXPECT_LT(rss_kib(s.daemon->pid()), 64 * 1024);
+#ifndef __SANITIZE_ADDRESS__
+        // Once the body's buffer is there (the process has grown by its
+        // size), what it holds stays far below it. Not under the sanitizer,
+        // which writes a shadow byte for every eight of a block it hands out.
+        const pid_t pid = s.daemon->pid();
+        if (huge) {
+            ASSERT_TRUE(wait_until([&] { return status_kib(pid, "VmSize") > 4L << 20; }));
+            EXPECT_LT(held_over(pid, 1s).rss_most, 64 * 1024);
+        }
+#endif
         store.daemon.reset();
         s.stop_store();
         // Between frames the system's text follows: that of no error when
@@ -109,12 +129,12 @@ TEST(Faults, ChildrenThatMisbehave) {
     EXPECT_TRUE(s.wait_log("start command failed for conn missing : " + r + "/nowhere --at-all"));
     EXPECT_TRUE(s.wait_log(" with return code 127"));
     EXPECT_TRUE(s.wait_log("could not run command sleep for conn u"));
-    ASSERT_TRUE(s.wait_log("warning: timeout for action sh on conn deaf", 5s));
-    ASSERT_TRUE(s.wait_status("deaf", "up", 20s)) << s.log();
+    ASSERT_TRUE(s.wait_log("warning: timeout for action sh on conn deaf"));
+    ASSERT_TRUE(s.wait_status("deaf", "up")) << s.log();
     EXPECT_NE(s.log().find("warning: action sh on conn deaf not stopping - killing"),
               std::string::npos);
     pid_t group = std::stoi(s.root.read_file("group"));
-    EXPECT_TRUE(wait_until([&] { return kill(-group, 0) != 0; }, 5s));
+    EXPECT_TRUE(wait_until([&] { return kill(-group, 0) != 0; }));
     for (int burst = 0; burst < 30; burst++) {
         for (int sig : {SIGHUP, SIGUSR1, SIGUSR2})
             kill(s.daemon->pid(), sig);

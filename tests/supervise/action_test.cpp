@@ -19,7 +19,7 @@ TEST(Action, CommandLineKeepsTheArgumentsThatFit) {
 
 // Turns t's loop until done() holds; false when ten seconds pass first.
 static bool loop_until(test_inst &t, const std::function<bool()> &done) {
-    auto deadline = std::chrono::steady_clock::now() + 10s;
+    auto deadline = std::chrono::steady_clock::now() + scaled(E2E_WAIT);
     const timeval tick{0, 20000};
     while (!done()) {
         if (std::chrono::steady_clock::now() >= deadline)

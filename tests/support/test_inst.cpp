@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -133,8 +134,17 @@ bool test_inst::dispatch() {
     return false;
 }
 
+std::chrono::milliseconds scaled(std::chrono::milliseconds bound) {
+    static const double scale = [] {
+        const char *text = std::getenv("TOVRIN_TEST_TIME_SCALE");
+        double value = text != nullptr ? std::atof(text) : 0;
+        return value > 0 ? value : 1.0;
+    }();
+    return std::chrono::milliseconds(static_cast<long>(static_cast<double>(bound.count()) * scale));
+}
+
 bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout) {
-    for (auto deadline = std::chrono::steady_clock::now() + timeout; !pred();
+    for (auto deadline = std::chrono::steady_clock::now() + scaled(timeout); !pred();
          std::this_thread::sleep_for(10ms)) {
         if (std::chrono::steady_clock::now() >= deadline)
             return false;
@@ -148,13 +158,27 @@ int open_fd_count(pid_t pid) {
     return static_cast<int>(std::distance(fds, {}));
 }
 
-long rss_kib(pid_t pid) {
+long status_kib(pid_t pid, const std::string &field) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("VmRSS:"))
-            return std::stol(line.substr(6));
+        if (line.starts_with(field + ":"))
+            return std::stol(line.substr(field.size() + 1));
     }
     return -1;
+}
+
+held_range held_over(pid_t pid, std::chrono::milliseconds window) {
+    held_range held{INT_MAX, LONG_MAX, 0};
+    wait_until(
+        [&] {
+            int fds = open_fd_count(pid);
+            long rss = status_kib(pid, "VmRSS");
+            held = {std::min(held.fds_least, fds), std::min(held.rss_least, rss),
+                    std::max(held.rss_most, rss)};
+            return false;
+        },
+        window);
+    return held;
 }
 
 child_process::child_process(const strings &argv, const std::string &output) : pid_(fork()) {

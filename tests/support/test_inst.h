@@ -126,12 +126,29 @@ struct test_inst {
 
 using namespace std::chrono_literals;
 
-// Polls pred until it holds; false when timeout passes first.
-bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout = 15s);
+// How long an end-to-end test waits for an event before it gives up: enough
+// for a machine ten times slower than the ones the suite was written on.
+// Every bound is multiplied by TOVRIN_TEST_TIME_SCALE (a number, 1 unless
+// set) for slower hosts still.
+constexpr std::chrono::milliseconds E2E_WAIT = 60s;
+std::chrono::milliseconds scaled(std::chrono::milliseconds bound);
 
-// What /proc says of a process: its open descriptors, its resident KiB.
+// Polls pred until it holds; false when the scaled timeout passes first.
+bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout = E2E_WAIT);
+
+// What /proc says of a process: its open descriptors; a size in KiB from its
+// status ("VmRSS", "VmSize"), -1 when not found.
 int open_fd_count(pid_t pid);
-long rss_kib(pid_t pid);
+long status_kib(pid_t pid, const std::string &field);
+
+// The least a process held over a window of time (scaled), and the most
+// memory, sampled as often as wait_until polls: one sample would judge a
+// passing moment.
+struct held_range {
+    int fds_least;
+    long rss_least, rss_most;
+};
+held_range held_over(pid_t pid, std::chrono::milliseconds window);
 
 // A program started with fork and exec, its output appended to a file. The
 // object owns it: one still running when the object goes is killed.
@@ -143,7 +160,7 @@ class child_process {
 
     pid_t pid() const { return pid_; }
     // The exit status, or 128 + the signal; nullopt while it runs past timeout.
-    std::optional<int> wait_exit(std::chrono::milliseconds timeout = 15s);
+    std::optional<int> wait_exit(std::chrono::milliseconds timeout = E2E_WAIT);
 
   private:
     pid_t pid_;
@@ -161,9 +178,9 @@ struct e2e_sandbox {
     // The states published for conn, in order.
     strings statuses(const std::string &conn) const;
     bool wait_status(const std::string &conn, const std::string &state,
-                     std::chrono::milliseconds timeout = 15s) const;
+                     std::chrono::milliseconds timeout = E2E_WAIT) const;
     std::string log() const { return root.read_file("var/log/tovrin.log"); }
-    bool wait_log(const std::string &text, std::chrono::milliseconds timeout = 15s) const {
+    bool wait_log(const std::string &text, std::chrono::milliseconds timeout = E2E_WAIT) const {
         return wait_until([&] { return log().find(text) != std::string::npos; }, timeout);
     }
     // Sets a store key as another service of the appliance would.
