@@ -10,6 +10,7 @@
 #include "daemon/log.h"
 #include "daemon/log_mask.h"
 #include "supervise/action.h"
+#include "supervise/child_exit.h"
 #include "supervise/conn.h"
 #include "supervise/inst.h"
 #include "supervise/message.h"
@@ -178,7 +179,7 @@ void tovrin_conn_queue_up_actions(tovrin_conn *conn) {
             tovrin_log(TOVRIN_LOG_FATAL, "could not allocate queued action");
             continue;
         }
-        tovrin_action_run(started);
+        tovrin_up_action_start(started);
     }
 }
 
