@@ -14,6 +14,7 @@
 #include "daemon/boot_delay.h"
 #include "daemon/child_env.h"
 #include "daemon/event_slot.h"
+#include "daemon/fd_limit.h"
 #include "daemon/log.h"
 #include "platform/pidfile.h"
 #include "platform/store_socket.h"
@@ -50,6 +51,7 @@ void tovrin_daemon_start(tovrin_inst *inst, const std::function<void(unsigned)> 
     if (tovrin_config_load(inst, tovrin_config_move) < 0)
         tovrin_log(TOVRIN_LOG_FATAL,
                    "config not initialized - fix config file and send a SIGHUP to reload");
+    tovrin_fd_limit_fit(inst);
     tovrin_boot_delay(inst, sleep_for);
     conns_first_start(inst);
     tovrin_keepalive_arm(inst);

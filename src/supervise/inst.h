@@ -15,6 +15,7 @@
 
 #include "command/var.h"
 #include "daemon/event_slot.h"
+#include "daemon/fd_limit.h"
 #include "daemon/paths.h"
 #include "platform/spawn.h"
 #include "store/out_queue.h"
@@ -81,10 +82,13 @@ struct tovrin_inst {
     // put fakes here. The platform's calls, as veltrane_proc_execp_nowait_fds
     // and killpg answer.
     std::function<pid_t(const char *file, char *const argv[], int *stdout_fd, int *stderr_fd)>
-        spawn = [](const char *file, char *const argv[], int *stdout_fd, int *stderr_fd) {
-            return veltrane_proc_execp_nowait_fds(file, argv, nullptr, stdout_fd, stderr_fd);
+        spawn = [this](const char *file, char *const argv[], int *stdout_fd, int *stderr_fd) {
+            return tovrin_fd_limit_spawn(fd_limit, file, argv, stdout_fd, stderr_fd);
         };
     std::function<int(pid_t group, int signal)> signal_group = killpg;
+    // Raised for the children's pipes; children get the limit the daemon was
+    // started with.
+    tovrin_fd_limit fd_limit;
     tovrin_conn_list conns;
     tovrin_conn_list new_conns;
     std::deque<tovrin_msg> message_queue;
