@@ -94,6 +94,9 @@ struct tovrin_inst {
     std::deque<tovrin_msg> message_queue;
     event_slot dispatch_event;
     bool reloading_config = false;
+    // While a tovrin_mq_snapshot_scope lasts: 1 when the snapshot marker was
+    // there as it began, 0 when not; -1 outside one.
+    int snapshot_marker = -1;
     // The line of the configuration file being read, counted from 1; 0
     // outside a load. Lets whoever reads the log say where a message came
     // from.

@@ -5,7 +5,8 @@
 #include "support/test_inst.h"
 
 // While the marker exists every queued and dispatched message and every
-// status change leaves a file named after the moment; never otherwise.
+// status change leaves a file named after the moment; never otherwise, also
+// once it is gone again.
 TEST(GraphDump, SnapshotsAppearOnlyWhileTheMarkerExists) {
     test_inst t("conn a\n\tparent b\n\tlog none\nconn b\n\tlog none\n");
     const std::filesystem::path dir = t.root.file("var/mnt/storage.usb");
@@ -33,5 +34,10 @@ TEST(GraphDump, SnapshotsAppearOnlyWhileTheMarkerExists) {
     ASSERT_TRUE(text.starts_with("digraph \"")) << text;
     EXPECT_EQ(text.substr(text.find("\tlabel=")), test_file("config/golden/snapshot.dot"));
     ASSERT_TRUE(t.dispatch());
-    EXPECT_GT(files().size(), 2u);
+    size_t written = files().size();
+    EXPECT_GT(written, 2u);
+    std::filesystem::remove(dir / "please-dump-dots");
+    t.deliver("a", TOVRIN_MSG_STOP);
+    ASSERT_TRUE(t.dispatch());
+    EXPECT_EQ(files().size(), written - 1) << "only the marker went";
 }
