@@ -295,26 +295,41 @@ def peer_tovrin_unit(build, n, work):
 
 def run_scripts(work, n):
     for i in range(n):
-        d = f"{work}/s{i}"
+        d = f"{work}/sv/s{i}"
         os.makedirs(d)
         with open(f"{d}/run", "w") as f:
             f.write(f"#!/bin/sh\nexec sleep {MARK}\n")
         os.chmod(f"{d}/run", 0o755)
 
 
-def spawned(argv):
-    p = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+def spawned(argv, work):
+    """Starts a peer with its complaints in work/complaints, where a peer
+    that stops short is asked why."""
+    with open(f"{work}/complaints", "w") as err:
+        p = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=err)
     return p.pid, lambda: (kill_tree(p.pid), p.wait())
+
+
+def complaint(work):
+    """The peer's last distinct complaint, "" when it said nothing."""
+    try:
+        with open(f"{work}/complaints", errors="replace") as f:
+            lines = [line.strip() for line in f if line.strip()]
+    except OSError:
+        return ""
+    return lines[-1].replace(f"{work}/", "") if lines else ""
 
 
 def peer_runit(build, n, work):
     run_scripts(work, n)
-    return lambda: spawned(["runsvdir", "-P", work])
+    # The services go in a directory of their own: runsvdir takes every
+    # entry of its directory for one.
+    return lambda: spawned(["runsvdir", "-P", f"{work}/sv"], work)
 
 
 def peer_s6(build, n, work):
     run_scripts(work, n)
-    return lambda: spawned(["s6-svscan", "-c", str(n + 100), work])
+    return lambda: spawned(["s6-svscan", "-c", str(n + 100), f"{work}/sv"], work)
 
 
 def peer_supervisord(build, n, work):
@@ -325,7 +340,7 @@ def peer_supervisord(build, n, work):
                     "stdout_logfile=NONE\nstderr_logfile=NONE\n" for i in range(n))
     with open(f"{work}/supervisord.conf", "w") as f:
         f.write(conf)
-    return lambda: spawned(["supervisord", "-c", f"{work}/supervisord.conf"])
+    return lambda: spawned(["supervisord", "-c", f"{work}/supervisord.conf"], work)
 
 
 def peer_floor(build, n, work):
@@ -361,8 +376,9 @@ def peer_run(build, name, launch, n):
     try:
         done = watcher.wait_count(n, time.monotonic() + PEER_DEADLINE)
         if done is None:
+            said = complaint(work)
             raise PeerStopped(f"{len(watcher.marked):,} of {n:,} running after "
-                              f"{PEER_DEADLINE} s")
+                              f"{PEER_DEADLINE} s" + (f"; it said \"{said}\"" if said else ""))
         procs = supervisors(root)
         cpu, pss = cpu_seconds(procs), pss_mib(procs)
         time.sleep(2)  # past any restart throttle of a fresh service
