@@ -112,14 +112,14 @@ class spawn_actions {
     bool ok_ = false;
 };
 
-// Lowers the caller's soft descriptor limit to a child's (none: keeps it) for
-// as long as the object lives, so that a child made meanwhile inherits it. posix_spawn has
-// no attribute for limits; this costs three system calls, where a helper that
-// sets the limit between fork and exec would mean doing glibc's vfork-style
-// spawn again by hand. Nothing here opens a descriptor while the limit is
-// low: the pipes exist already, the child's standard input is opened on the
-// number 0 that its action closes first, and dup2 to 1 and 2 is below any
-// limit.
+// Lowers the caller's soft descriptor limit to a child's (none: keeps it)
+// for as long as the object lives, so that a child made meanwhile inherits
+// it. posix_spawn has no attribute for limits; this costs three system
+// calls, where a helper that sets the limit between fork and exec would mean
+// doing the C library's vfork-style spawn again by hand. Nothing opens a
+// descriptor while the limit is low: the pipes exist already, the child's
+// standard input is opened on the number 0 that its action closes first,
+// and dup2 to 1 and 2 is below any limit.
 class nofile_lowered {
   public:
     explicit nofile_lowered(const rlim_t *child_nofile) {
