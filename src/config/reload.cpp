@@ -9,6 +9,7 @@
 #include "config/fixup.h"
 #include "config/load.h"
 #include "config/pending.h"
+#include "daemon/fd_limit.h"
 #include "daemon/log.h"
 #include "daemon/log_mask.h"
 #include "store/status.h"
@@ -184,6 +185,7 @@ void tovrin_config_reload_merge(tovrin_inst *inst) {
     conns_free(inst, doomed, freed);
 
     tovrin_config_adopt_new_conns(inst);
+    tovrin_fd_limit_fit(inst);
     for (tovrin_conn &conn : inst->conns) {
         if (conn.children.empty() || conn.start_after_reload)
             send(inst, &conn, TOVRIN_MSG_START);

@@ -14,6 +14,7 @@
 #include "daemon/boot_delay.h"
 #include "daemon/child_env.h"
 #include "daemon/event_slot.h"
+#include "daemon/fd_limit.h"
 #include "daemon/log.h"
 #include "platform/pidfile.h"
 #include "platform/store_socket.h"
@@ -36,6 +37,7 @@ tovrin_log_setup log_open(const tovrin_paths &paths) {
 // Publishes each conn's first status and starts it when nothing depends on
 // it, conn by conn; the others are started when their children ask.
 void conns_first_start(tovrin_inst *inst) {
+    tovrin_mq_snapshot_scope snapshots(inst);
     for (tovrin_conn &conn : inst->conns) {
         tovrin_publish_status(&conn);
         if (conn.children.empty())
@@ -50,6 +52,7 @@ void tovrin_daemon_start(tovrin_inst *inst, const std::function<void(unsigned)> 
     if (tovrin_config_load(inst, tovrin_config_move) < 0)
         tovrin_log(TOVRIN_LOG_FATAL,
                    "config not initialized - fix config file and send a SIGHUP to reload");
+    tovrin_fd_limit_fit(inst);
     tovrin_boot_delay(inst, sleep_for);
     conns_first_start(inst);
     tovrin_keepalive_arm(inst);

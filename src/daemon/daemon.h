@@ -13,9 +13,9 @@ struct tovrin_inst;
 int tovrin_main(const tovrin_paths &paths);
 
 // Start-up of an initialised instance, up to the event loop: loads the
-// configuration, waits for the boot delay (sleeping through sleep_for),
-// publishes every conn's status with the first start messages, and arms the
-// keepalive.
+// configuration, raises the descriptor limit when the conns need it, waits
+// for the boot delay (sleeping through sleep_for), publishes every conn's
+// status with the first start messages, and arms the keepalive.
 void tovrin_daemon_start(tovrin_inst *inst, const std::function<void(unsigned seconds)> &sleep_for);
 
 // Exit handler: removes this process's pid file. arg is the tovrin_paths.

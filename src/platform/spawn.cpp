@@ -112,6 +112,35 @@ class spawn_actions {
     bool ok_ = false;
 };
 
+// Lowers the caller's soft descriptor limit to a child's (none: keeps it)
+// for as long as the object lives, so that a child made meanwhile inherits
+// it. posix_spawn has no attribute for limits; this costs three system
+// calls, where a helper that sets the limit between fork and exec would mean
+// doing the C library's vfork-style spawn again by hand. Nothing opens a
+// descriptor while the limit is low: the pipes exist already, the child's
+// standard input is opened on the number 0 that its action closes first,
+// and dup2 to 1 and 2 is below any limit.
+class nofile_lowered {
+  public:
+    explicit nofile_lowered(const rlim_t *child_nofile) {
+        if (child_nofile == nullptr || getrlimit(RLIMIT_NOFILE, &own_) != 0 ||
+            own_.rlim_cur <= *child_nofile)
+            return;
+        rlimit child{*child_nofile, own_.rlim_max};
+        lowered_ = setrlimit(RLIMIT_NOFILE, &child) == 0;
+    }
+    ~nofile_lowered() {
+        if (lowered_)
+            setrlimit(RLIMIT_NOFILE, &own_);
+    }
+    nofile_lowered(const nofile_lowered &) = delete;
+    nofile_lowered &operator=(const nofile_lowered &) = delete;
+
+  private:
+    rlimit own_{};
+    bool lowered_ = false;
+};
+
 // Whether posix_spawnp failed in the child's exec, the program being
 // missing or unusable, rather than in making the child.
 bool exec_failed(int error) {
@@ -132,13 +161,12 @@ bool exec_failed(int error) {
     }
 }
 
-}  // namespace
-
-pid_t veltrane_proc_execp_nowait_fds(const char *file, char *const argv[], void *reserved,
-                                     int *stdout_fd, int *stderr_fd) {
-    // An empty name is a program that cannot be found, as for exec: its
-    // child exits with 127 below.
-    if (file == nullptr || argv == nullptr || reserved != nullptr || stdout_fd == nullptr ||
+// Both spawn calls; child_nofile null keeps the caller's limit. An empty name
+// is a program that cannot be found, as for exec: its child exits with 127
+// below.
+pid_t spawn(const char *file, char *const argv[], const rlim_t *child_nofile, int *stdout_fd,
+            int *stderr_fd) {
+    if (file == nullptr || argv == nullptr || stdout_fd == nullptr ||
         stderr_fd == nullptr) {
         errno = EINVAL;
         return -1;
@@ -153,8 +181,12 @@ pid_t veltrane_proc_execp_nowait_fds(const char *file, char *const argv[], void 
     if (rc == 0)
         rc = actions.setup(out.write_end.get(), err.write_end.get());
     pid_t pid = -1;
-    if (rc == 0)
+    if (rc == 0) {
+        // Only now: the actions above check their descriptors against the
+        // limit in force.
+        nofile_lowered lowered(child_nofile);
         rc = posix_spawnp(&pid, file, actions.get(), attr.get(), argv, environ);
+    }
     int exec_error = 0;
     if (rc != 0 && exec_failed(rc)) {
         // The C library has already reaped the child whose exec failed. As
@@ -180,4 +212,20 @@ pid_t veltrane_proc_execp_nowait_fds(const char *file, char *const argv[], void 
     *stderr_fd = err.read_end.release();
     errno = exec_error;
     return pid;
+}
+
+}  // namespace
+
+pid_t veltrane_proc_execp_nowait_fds(const char *file, char *const argv[], void *reserved,
+                                     int *stdout_fd, int *stderr_fd) {
+    if (reserved != nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    return spawn(file, argv, nullptr, stdout_fd, stderr_fd);
+}
+
+pid_t veltrane_proc_execp_nowait_fds_nofile(const char *file, char *const argv[],
+                                            rlim_t child_nofile, int *stdout_fd, int *stderr_fd) {
+    return spawn(file, argv, &child_nofile, stdout_fd, stderr_fd);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 // Starts file (looked up on the caller's current PATH, no shell) with argv
@@ -16,3 +17,13 @@
 // cause.
 pid_t veltrane_proc_execp_nowait_fds(const char *file, char *const argv[], void *reserved,
                                      int *stdout_fd, int *stderr_fd);
+
+// As veltrane_proc_execp_nowait_fds, but the child starts with child_nofile
+// as its soft descriptor limit when that is below the caller's; its hard
+// limit is the caller's. A caller that raised its own limit for the pipes of
+// many children need not hand the raise on: programs that still use
+// select() break above 1,024 descriptors. The caller's own soft limit is
+// lowered for the moment of the spawn only, so the caller must have a single
+// thread.
+pid_t veltrane_proc_execp_nowait_fds_nofile(const char *file, char *const argv[],
+                                            rlim_t child_nofile, int *stdout_fd, int *stderr_fd);

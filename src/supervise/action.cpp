@@ -68,7 +68,7 @@ void tovrin_action_unregister(tovrin_queued_action *entry) {
         running.erase(it);
 }
 
-void tovrin_action_run(tovrin_queued_action *entry) {
+int tovrin_action_run(tovrin_queued_action *entry) {
     tovrin_conn *conn = entry->conn;
     tovrin_inst *inst = conn->inst;
     int out_fd = -1;
@@ -89,7 +89,7 @@ void tovrin_action_run(tovrin_queued_action *entry) {
     if (pid <= 0) {
         tovrin_log(TOVRIN_LOG_FATAL, "could not run command %s for conn %s",
                    entry->command_name.c_str(), conn->name.c_str());
-        return;
+        return -1;
     }
     unique_fd out(out_fd);
     unique_fd err(err_fd);
@@ -101,7 +101,7 @@ void tovrin_action_run(tovrin_queued_action *entry) {
         inst->signal_group(pid, SIGKILL);
         tovrin_log(TOVRIN_LOG_FATAL, "could not run command %s for conn %s",
                    entry->command_name.c_str(), conn->name.c_str());
-        return;
+        return -1;
     }
 
     if ((conn->log_mask & TOVRIN_LOG_COMMANDDEBUG) != 0) {
@@ -132,6 +132,7 @@ void tovrin_action_run(tovrin_queued_action *entry) {
     entry->action_timeout_kill_event.set<action_timeout_kill_cb>(base, -1, 0, entry);
     if (entry->timeout != 0)
         entry->action_timeout_event.add_seconds(*inst->clock, entry->timeout);
+    return 0;
 }
 
 void tovrin_action_read_output(evutil_socket_t fd, short, void *arg) {

@@ -86,8 +86,9 @@ struct tovrin_queued_action {
     event_slot respawn_event;
 };
 
-// Starts the child of an entry; on failure (logged) the entry stays idle.
-void tovrin_action_run(tovrin_queued_action *entry);
+// Starts the child of an entry: 0, or -1 (logged) when no child could be
+// made, the entry then staying idle.
+int tovrin_action_run(tovrin_queued_action *entry);
 
 // Read callback of both output descriptors of a running entry (arg).
 void tovrin_action_read_output(evutil_socket_t fd, short events, void *arg);

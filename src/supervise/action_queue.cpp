@@ -10,6 +10,7 @@
 #include "daemon/log.h"
 #include "daemon/log_mask.h"
 #include "supervise/action.h"
+#include "supervise/child_exit.h"
 #include "supervise/conn.h"
 #include "supervise/inst.h"
 #include "supervise/message.h"
@@ -178,22 +179,15 @@ void tovrin_conn_queue_up_actions(tovrin_conn *conn) {
             tovrin_log(TOVRIN_LOG_FATAL, "could not allocate queued action");
             continue;
         }
-        tovrin_action_run(started);
+        tovrin_up_action_start(started);
     }
 }
 
 void tovrin_conn_stop_up_actions(tovrin_conn *conn) {
     for (auto it = conn->queued_up_actions.begin(); it != conn->queued_up_actions.end();) {
         tovrin_queued_action *entry = (it++)->get();
-        if (entry->pid != 0) {
+        if (entry->pid != 0)
             tovrin_conn_action_timeout(entry);
-        } else if (conn->type == TOVRIN_CONN) {
-            // No child will ever exit for this entry, so nothing else would
-            // take it out of the queue and the conn would wait in stopping
-            // up commands for good. (A group there is moved on by a member's
-            // start.)
-            tovrin_conn_drop_up_action(conn, entry);
-        }
     }
 }
 

@@ -27,6 +27,11 @@ constexpr int32_t RESTART_DELAY_MAX_MS = 180000;
 // within a second of its start, is re-spawned at most once a second.
 constexpr int QUICK_EXITS_BEFORE_THROTTLE = 3;
 constexpr long RESPAWN_INTERVAL_SECONDS = 1;
+// The shortest wait before a conn whose up command could not be started is
+// restarted. Retrying at once cannot succeed while nothing has freed a
+// descriptor or a process, and without a delay the restart would run inside
+// the same dispatch for as long as spawning fails.
+constexpr int32_t SPAWN_RETRY_DELAY_MIN_MS = 1000;
 
 // How one reaped child ended.
 struct child_status {
@@ -88,7 +93,7 @@ void up_action_respawn(evutil_socket_t, short, void *arg) {
     auto *entry = static_cast<tovrin_queued_action *>(arg);
     tovrin_conn *conn = entry->conn;
     if (conn_is_running(conn)) {
-        tovrin_action_run(entry);
+        tovrin_up_action_start(entry);
         return;
     }
     // The conn left the running states while the re-spawn waited; this is
@@ -106,13 +111,13 @@ void up_action_rerun(tovrin_conn *conn, tovrin_queued_action *entry) {
     if (!up_action_exited_quickly(conn->inst, entry)) {
         entry->quick_exits = 0;
         entry->throttled = false;
-        tovrin_action_run(entry);
+        tovrin_up_action_start(entry);
         return;
     }
     if (entry->quick_exits < INT_MAX)
         entry->quick_exits++;
     if (entry->quick_exits < QUICK_EXITS_BEFORE_THROTTLE) {
-        tovrin_action_run(entry);
+        tovrin_up_action_start(entry);
         return;
     }
     if (!entry->throttled) {
@@ -150,6 +155,9 @@ void up_action_note_failure(tovrin_conn *conn, tovrin_action *action) {
                conn->name.c_str(), seconds / 60, seconds);
 }
 
+void up_action_failed(tovrin_conn *conn, tovrin_queued_action_list::iterator position,
+                      bool started);
+
 void up_action_exited(tovrin_conn *conn, tovrin_queued_action_list::iterator position,
                       const child_status &exit) {
     tovrin_queued_action *entry = position->get();
@@ -165,8 +173,15 @@ void up_action_exited(tovrin_conn *conn, tovrin_queued_action_list::iterator pos
         up_action_rerun(conn, entry);
         return;
     }
+    up_action_failed(conn, position, true);
+}
 
-    tovrin_action *action = entry->action;
+// An up command that ended abnormally, or could not be started at all: its
+// entry goes, and the conn restarts after the back-off unless the command
+// has failed more often than maxrestarts allows.
+void up_action_failed(tovrin_conn *conn, tovrin_queued_action_list::iterator position,
+                      bool started) {
+    tovrin_action *action = (*position)->action;
     std::unique_ptr<tovrin_queued_action> owned = std::move(*position);
     conn->queued_up_actions.erase(position);
     tovrin_action_free(std::move(owned));
@@ -178,9 +193,13 @@ void up_action_exited(tovrin_conn *conn, tovrin_queued_action_list::iterator pos
 
     // Milliseconds in 32 bits: a product past them wraps, and a wrapped
     // product of 0 or less restarts the conn at once. Formed wide and
-    // narrowed, so the wrap is defined.
-    const auto delay_ms =
+    // narrowed, so the wrap is defined. An up command that could not be
+    // started waits at least a little, or a spawn that keeps failing would
+    // be retried without end inside one dispatch.
+    auto delay_ms =
         static_cast<int32_t>(static_cast<int64_t>(action->restarts) * conn->restartdelayfactor);
+    if (!started)
+        delay_ms = std::max(delay_ms, SPAWN_RETRY_DELAY_MIN_MS);
     if (delay_ms > 0) {
         const int32_t capped = std::min(delay_ms, RESTART_DELAY_MAX_MS);
         conn->up_action_failed_delay_event.set<tovrin_up_action_failed_delay>();
@@ -331,4 +350,15 @@ void tovrin_up_action_failed_delay(evutil_socket_t, short, void *arg) {
     if (conn_logs(conn, TOVRIN_LOG_DEBUG_WORD))
         tovrin_log(TOVRIN_LOG_INFO, "%s up command failed, restarting", conn->name.c_str());
     conn_send_self(conn, TOVRIN_MSG_RESTART);
+}
+
+void tovrin_up_action_start(tovrin_queued_action *entry) {
+    if (tovrin_action_run(entry) == 0)
+        return;
+    tovrin_conn *conn = entry->conn;
+    auto &up = conn->queued_up_actions;
+    auto position = std::find_if(up.begin(), up.end(),
+                                 [entry](const auto &queued) { return queued.get() == entry; });
+    if (position != up.end())
+        up_action_failed(conn, position, false);
 }

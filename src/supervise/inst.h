@@ -16,6 +16,7 @@
 #include "command/var.h"
 #include "daemon/clock.h"
 #include "daemon/event_slot.h"
+#include "daemon/fd_limit.h"
 #include "daemon/paths.h"
 #include "platform/spawn.h"
 #include "store/out_queue.h"
@@ -80,10 +81,13 @@ struct tovrin_inst {
     // put fakes here. The platform's calls, as veltrane_proc_execp_nowait_fds
     // and killpg answer.
     std::function<pid_t(const char *file, char *const argv[], int *stdout_fd, int *stderr_fd)>
-        spawn = [](const char *file, char *const argv[], int *stdout_fd, int *stderr_fd) {
-            return veltrane_proc_execp_nowait_fds(file, argv, nullptr, stdout_fd, stderr_fd);
+        spawn = [this](const char *file, char *const argv[], int *stdout_fd, int *stderr_fd) {
+            return tovrin_fd_limit_spawn(fd_limit, file, argv, stdout_fd, stderr_fd);
         };
     std::function<int(pid_t group, int signal)> signal_group = killpg;
+    // Raised for the children's pipes; children get the limit the daemon was
+    // started with.
+    tovrin_fd_limit fd_limit;
     tovrin_conn_list conns;
     tovrin_conn_list new_conns;
     std::deque<tovrin_msg> message_queue;
@@ -95,6 +99,9 @@ struct tovrin_inst {
     std::function<void(tovrin_inst *inst)> config_parsed;
     // Conns one variable search may visit; tests lower it.
     long var_search_max_visits = TOVRIN_VAR_SEARCH_MAX_VISITS;
+    // While a tovrin_mq_snapshot_scope lasts: 1 when the snapshot marker was
+    // there as it began, 0 when not; -1 outside one.
+    int snapshot_marker = -1;
     // The line of the configuration file being read, counted from 1; 0
     // outside a load. Lets whoever reads the log say where a message came
     // from.
