@@ -162,36 +162,16 @@ void tovrin_graph_dump(evutil_socket_t, short, void *arg) {
     tovrin_graph_write(inst, out.get());
 }
 
-namespace {
-
-// Whether the snapshot marker can be opened for reading.
-bool snapshot_marker_present(const tovrin_inst *inst) {
-    unique_fd marker(open(inst->paths->snapshot_marker.c_str(), O_RDONLY | O_CLOEXEC));
-    return marker.valid();
-}
-
-}  // namespace
-
-tovrin_mq_snapshot_scope::tovrin_mq_snapshot_scope(tovrin_inst *inst)
-    : inst_(inst), outermost_(inst->paths != nullptr && inst->snapshot_marker < 0) {
-    if (outermost_)
-        inst_->snapshot_marker = snapshot_marker_present(inst_) ? 1 : 0;
-}
-
-tovrin_mq_snapshot_scope::~tovrin_mq_snapshot_scope() {
-    if (outermost_)
-        inst_->snapshot_marker = -1;
-}
-
 void tovrin_mq_snapshot(tovrin_inst *inst, const char *, const char *, const char *, int) {
     if (inst == nullptr || inst->paths == nullptr)
         return;
-    // Called on every queue and status change: without the marker this test
-    // is the whole cost.
-    bool marker =
-        inst->snapshot_marker >= 0 ? inst->snapshot_marker == 1 : snapshot_marker_present(inst);
-    if (!marker)
-        return;
+    // Called on every queue and status change: without the marker this one
+    // failed open is the whole cost.
+    {
+        unique_fd marker(open(inst->paths->snapshot_marker.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!marker)
+            return;
+    }
 
     timespec now = inst->clock->wall();
     tm local{};

@@ -20,23 +20,6 @@ void tovrin_graph_write(tovrin_inst *inst, FILE *out);
 void tovrin_mq_snapshot(tovrin_inst *inst, const char *src, const char *dst, const char *type,
                         int mode);
 
-// For as long as it lives, snapshots look the marker up once, when it is
-// made, rather than at every call: a dispatch run or the first start of the
-// conns takes a snapshot at every one of thousands of messages and status
-// changes, and a failed open costs about as much as a small spawn. A scope
-// made inside another one changes nothing.
-class tovrin_mq_snapshot_scope {
-  public:
-    explicit tovrin_mq_snapshot_scope(tovrin_inst *inst);
-    ~tovrin_mq_snapshot_scope();
-    tovrin_mq_snapshot_scope(const tovrin_mq_snapshot_scope &) = delete;
-    tovrin_mq_snapshot_scope &operator=(const tovrin_mq_snapshot_scope &) = delete;
-
-  private:
-    tovrin_inst *inst_;
-    bool outermost_;
-};
-
 // Writes one conn's graph lines to out: its node coloured by state, its
 // child edges and, for a group, its member edges and a cluster numbered
 // cluster.

@@ -37,7 +37,6 @@ tovrin_log_setup log_open(const tovrin_paths &paths) {
 // Publishes each conn's first status and starts it when nothing depends on
 // it, conn by conn; the others are started when their children ask.
 void conns_first_start(tovrin_inst *inst) {
-    tovrin_mq_snapshot_scope snapshots(inst);
     for (tovrin_conn &conn : inst->conns) {
         tovrin_publish_status(&conn);
         if (conn.children.empty())

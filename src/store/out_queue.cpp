@@ -27,10 +27,6 @@ std::string_view tovrin_store_queue::front() const {
     return std::string_view(frame, TOVRIN_FRAME_HEADER + tovrin_frame_length(header));
 }
 
-std::string_view tovrin_store_queue::front_run() const {
-    return std::string_view(chunks_.front()).substr(head_);
-}
-
 void tovrin_store_queue::pop_front() {
     head_ += front().size();
     count_--;

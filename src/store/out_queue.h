@@ -17,9 +17,6 @@ class tovrin_store_queue {
     void push_back(std::string_view frame);
     // The oldest frame; the queue must not be empty.
     std::string_view front() const;
-    // The oldest frame and those queued after it that lie back to back with
-    // it, whole: as much as one write can take. The queue must not be empty.
-    std::string_view front_run() const;
     void pop_front();
 
     bool empty() const { return count_ == 0; }

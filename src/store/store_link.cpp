@@ -126,32 +126,24 @@ void tovrin_store_write(evutil_socket_t fd, short, void *arg) {
         return;
     }
 
-    tovrin_store_queue &queue = inst->store_out_queue;
-    std::string_view frame = queue.front();
-    const bool debug = inst->globals != nullptr &&
-                       (inst->globals->instance_log_mask & TOVRIN_INST_LOG_DEBUGSTORD) != 0;
-    if (debug) {
-        int total = static_cast<int>(frame.size());
+    std::string_view frame = inst->store_out_queue.front();
+    int total = static_cast<int>(frame.size());
+    if (inst->globals != nullptr &&
+        (inst->globals->instance_log_mask & TOVRIN_INST_LOG_DEBUGSTORD) != 0) {
         int body = total - static_cast<int>(TOVRIN_FRAME_HEADER);
         tovrin_log(TOVRIN_LOG_INFO, "Writing to stord with msg len of %d, tx_len of %d msg of %.*s",
                    total, inst->store_tx_state, body, frame.data() + TOVRIN_FRAME_HEADER);
     }
 
     // One write per readiness report; a partial write resumes at the next.
-    // The frames queued behind the head go with it, in order and whole: a
-    // start of thousands of conns queues tens of thousands of them, and a
-    // write and a loop turn each would cost more than the frames. Debugging
-    // logs each frame as it goes, so then it goes alone.
-    std::string_view pending = debug ? frame : queue.front_run();
     size_t done = static_cast<size_t>(inst->store_tx_state);
-    ssize_t n = send(fd, pending.data() + done, pending.size() - done, MSG_NOSIGNAL);
+    ssize_t n = send(fd, frame.data() + done, frame.size() - done, MSG_NOSIGNAL);
     if (n > 0) {
-        size_t written = done + static_cast<size_t>(n);
-        while (!queue.empty() && written >= queue.front().size()) {
-            written -= queue.front().size();
-            queue.pop_front();
+        inst->store_tx_state += static_cast<int>(n);
+        if (inst->store_tx_state >= total) {
+            inst->store_out_queue.pop_front();
+            inst->store_tx_state = 0;
         }
-        inst->store_tx_state = static_cast<int>(written);
         return;
     }
     if (n < 0 && errno == EAGAIN)

@@ -99,9 +99,6 @@ struct tovrin_inst {
     std::function<void(tovrin_inst *inst)> config_parsed;
     // Conns one variable search may visit; tests lower it.
     long var_search_max_visits = TOVRIN_VAR_SEARCH_MAX_VISITS;
-    // While a tovrin_mq_snapshot_scope lasts: 1 when the snapshot marker was
-    // there as it began, 0 when not; -1 outside one.
-    int snapshot_marker = -1;
     // The line of the configuration file being read, counted from 1; 0
     // outside a load. Lets whoever reads the log say where a message came
     // from.

@@ -98,7 +98,6 @@ void tovrin_dispatch_messages(evutil_socket_t, short, void *arg) {
     }
     // Handlers append while we drain; everything they deliver is handled in
     // this same run, after what was queued before it.
-    tovrin_mq_snapshot_scope snapshots(inst);
     while (!inst->message_queue.empty()) {
         tovrin_msg msg = inst->message_queue.front();
         tovrin_mq_snapshot(inst, sender_name(msg.src, "tovrin"), sender_name(msg.dst, "tovrin"),
