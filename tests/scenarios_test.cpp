@@ -39,8 +39,10 @@
 //   log PRIORITY MESSAGE
 //   run CONN ARGV...  |  kill CONN PROG SIGNAL  |  sleep SECONDS
 //                     (an empty argument shows as '', control bytes as \xNN)
-//   events GOLDEN     the expectations written in GOLDEN (beside the
-//                     scenario file), for a step's long, plain output
+//   events GOLDEN [SECTION]   the expectations written in GOLDEN (beside
+//                     the scenario file), or in its lines from "== SECTION"
+//                     to the next "== ", '#' lines aside: a step's long,
+//                     plain output
 //
 // and checks of the state after the step:
 //
@@ -449,11 +451,17 @@ struct runner {
                     expected->push_back("set tovrin." + words[0] + "." + keys[k - 1] + " 1 " +
                                         words[k]);
             } else if (first == "events") {
-                std::ifstream file(std::filesystem::path(s.file).parent_path() / rest);
-                if (!file)
-                    fail(line, "no file " + rest);
-                for (std::string golden; std::getline(file, golden);)
-                    expect(line, golden, expected, checks);
+                std::ifstream file(std::filesystem::path(s.file).parent_path() / word_at(rest, 0));
+                const std::string section = "== " + word_at(rest, 1);
+                bool inside = words.size() == 1, found = inside && file;
+                for (std::string golden; std::getline(file, golden);) {
+                    if (golden.starts_with("== "))
+                        found |= inside = golden == section;
+                    else if (inside && !golden.starts_with("#"))
+                        expect(line, golden, expected, checks);
+                }
+                if (!found)
+                    fail(line, "no events " + rest);
             } else if (first == "state" || first == "timer" || first == "idle" || first == "same") {
                 checks->emplace_back(line, e);
             } else if (EVENTS.count(first) != 0) {
