@@ -28,15 +28,21 @@
 //   nospawn PROG | spawn PROG        spawning PROG fails from now on | works again
 //   missing PROG            PROG cannot be executed: its child must exit 127
 //
-// Expectations, indented under a step. Events are matched per channel (store,
-// log, processes), in order and exactly, unless the step ends with " ..."
-// (then in order among others):
+// Expectations, indented under a step, several to a line split by " ; ".
+// Events are matched per channel (store, log, processes), in order and
+// exactly, unless the step ends with " ..." (then in order among others):
 //
 //   status CONN STATE | set KEY FLAG VALUE | sub KEY | unsub KEY | del KEY
-//   status CONN: STATE, STATE...    several status strings of one conn
+//   status CONN...: STATE, STATE...  each state in turn, of each conn in turn
+//   group NAME INDEX ACTIVE MEMBERS [TIME]   the keys a group publishes for
+//                   its active member, then the failover timestamp
 //   log PRIORITY MESSAGE
 //   run CONN ARGV...  |  kill CONN PROG SIGNAL  |  sleep SECONDS
 //                     (an empty argument shows as '', control bytes as \xNN)
+//   events GOLDEN [SECTION]   the expectations written in GOLDEN (beside
+//                     the scenario file), or in its lines from "== SECTION"
+//                     to the next "== ", '#' lines aside: a step's long,
+//                     plain output
 //
 // and checks of the state after the step:
 //
@@ -60,6 +66,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <set>
 
@@ -424,6 +431,47 @@ struct runner {
         }
     }
 
+    // Adds what one indented line expects, its parts split at " ; ".
+    void expect(int line, const std::string &text, strings *expected, numbered *checks) {
+        for (size_t at = 0, end; at != std::string::npos; at = end == text.npos ? end : end + 3) {
+            end = text.find(" ; ", at);
+            std::string e = trimmed(text.substr(at, end - at)), rest;
+            std::string first = word_at(e, 0, &rest);
+            // The words before a colon, if any.
+            std::istringstream in(rest.substr(0, rest.find(':')));
+            const strings words{std::istream_iterator<std::string>(in), {}};
+            if (first == "status" && rest.find(':') != std::string::npos) {
+                for (const std::string &state : split(rest.substr(rest.find(':') + 1), ','))
+                    for (const std::string &conn : words)
+                        expected->push_back("status " + conn + " " + state);
+            } else if (first == "group" && (words.size() == 4 || words.size() == 5)) {
+                const char *keys[] = {"active-connection-index", "active-connection-name",
+                                      "connection-names", "failover-timestamp"};
+                for (size_t k = 1; k < words.size(); k++)
+                    expected->push_back("set tovrin." + words[0] + "." + keys[k - 1] + " 1 " +
+                                        words[k]);
+            } else if (first == "events") {
+                std::ifstream file(std::filesystem::path(s.file).parent_path() / word_at(rest, 0));
+                const std::string section = "== " + word_at(rest, 1);
+                bool inside = words.size() == 1, found = inside && file;
+                for (std::string golden; std::getline(file, golden);) {
+                    if (golden.starts_with("== "))
+                        found |= inside = golden == section;
+                    else if (inside && !golden.starts_with("#"))
+                        expect(line, golden, expected, checks);
+                }
+                if (!found)
+                    fail(line, "no events " + rest);
+            } else if (first == "state" || first == "timer" || first == "idle" || first == "same") {
+                checks->emplace_back(line, e);
+            } else if (EVENTS.count(first) != 0) {
+                expected->push_back(e);
+            } else if (!e.empty()) {
+                fail(line, "unknown expectation: " + e);
+            }
+        }
+    }
+
     void run() {
         if (s.name.empty()) {
             for (const auto &[line, text] : s.lines) {
@@ -448,20 +496,8 @@ struct runner {
                 numbered checks;
                 for (; i < s.lines.size() && std::string("\t #").find(s.lines[i].second[0]) < 3;
                      i++) {
-                    std::string e = trimmed(s.lines[i].second), states;
-                    std::string first = word_at(e, 0), conn = word_at(e, 1, &states);
-                    if (first == "status" && conn.ends_with(":")) {
-                        for (const std::string &state : split(states, ','))
-                            expected.push_back("status " + conn.substr(0, conn.size() - 1) + " " +
-                                               state);
-                    } else if (first == "state" || first == "timer" || first == "idle" ||
-                               first == "same") {
-                        checks.emplace_back(s.lines[i].first, e);
-                    } else if (EVENTS.count(first) != 0) {
-                        expected.push_back(e);
-                    } else if (!e.empty() && first[0] != '#') {
-                        fail(s.lines[i].first, "unknown expectation: " + e);
-                    }
+                    if (!trimmed(s.lines[i].second).starts_with("#"))
+                        expect(s.lines[i].first, s.lines[i].second, &expected, &checks);
                 }
                 store_events(&produced);
                 for (; log_seen < log->records.size(); log_seen++) {

@@ -102,16 +102,3 @@ TEST(ConfigLoad, ReportsEveryErrorExactly) {
     for (const load_case &c : accepted)
         check(c, false);
 }
-
-// Words after a header's name are ignored, and a second global section adds
-// to the first.
-TEST(ConfigLoad, HeadersTakeOneNameAndGlobalsAddUp) {
-    test_inst t("global extra\n\tkeepalive 5\nglobal\n\tbootdelay 7\nconn a x\nanygroup g h\n");
-    ASSERT_NE(t.inst.globals, nullptr);
-    EXPECT_EQ(t.inst.globals->keepalive, 5);
-    EXPECT_EQ(t.inst.globals->bootdelay, 7);
-    strings names;
-    for (const tovrin_conn &conn : t.inst.conns)
-        names.push_back(conn.name);
-    EXPECT_EQ(names, (strings{"a", "g"}));
-}

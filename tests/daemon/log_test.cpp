@@ -1,3 +1,4 @@
+#include "daemon/log_mask.h"
 #include "support/test_inst.h"
 
 // The sandbox's file has one line per message with its priority, up to
@@ -23,4 +24,16 @@ TEST(Log, WritesUpToInfoAndKeepsErrno) {
               "[tovrin] FATAL    tovrin - could not open stord socket\n"
               "[tovrin] WARN     tovrin - warning 2\n"
               "[tovrin] INFO     tovrin - initialising\n");
+}
+
+// A mask word without an owner to name is refused with the short message
+// (the simulator's --log words); a missing word or mask is refused unsaid.
+TEST(Log, MaskWordsRefusedWithoutAnOwner) {
+    uint64_t mask = 7;
+    log_capture log;
+    EXPECT_EQ(tovrin_log_mask_parse(tovrin_conn_log_masks, nullptr, &mask, "bogus"), -1);
+    EXPECT_EQ(tovrin_log_mask_parse(tovrin_conn_log_masks, "wan", &mask, nullptr), -1);
+    EXPECT_EQ(tovrin_log_mask_parse(tovrin_conn_log_masks, "wan", nullptr, "all"), -1);
+    EXPECT_EQ(mask, 7u);
+    EXPECT_EQ(log.messages(), strings{"Uknown log mask bogus"});
 }

@@ -26,57 +26,6 @@ void note(evutil_socket_t, short, void *arg) {
 
 }  // namespace
 
-// Time moves only when told: timers fire at their due time, earliest first,
-// those due together in the order they were armed; a timer cancelled by one
-// fired before it in the same second does not fire; a zero delay is due at
-// once but still waits for the clock to be asked.
-TEST(VirtualClock, TimersFireInDueOrderOnlyWhenTimePasses) {
-    event_base *base = event_base_new();
-    tovrin_virtual_clock clock(1000000);
-    std::string log;
-    named_timer a{"a", &log, nullptr}, b{"b", &log, nullptr}, c{"c", &log, nullptr},
-        d{"d", &log, nullptr};
-    for (named_timer *t : {&a, &b, &c, &d})
-        t->ev.reset(evtimer_new(base, note, t));
-    auto settle = [&] {
-        event_base_loop(base, EVLOOP_NONBLOCK);
-        log += std::to_string(clock.now()) + " ";
-    };
-
-    ASSERT_EQ(clock.arm(c.ev.get(), 5), 0);
-    ASSERT_EQ(clock.arm(a.ev.get(), 5), 0);
-    ASSERT_EQ(clock.arm(b.ev.get(), 2), 0);
-    ASSERT_EQ(clock.arm(d.ev.get(), 0), 0);
-    event_base_loop(base, EVLOOP_NONBLOCK);
-    EXPECT_EQ(log, "");
-    EXPECT_EQ(clock.due(c.ev.get()), 5);
-    EXPECT_EQ(clock.due(d.ev.get()), 0);
-
-    ASSERT_TRUE(clock.advance_to(base, 0, settle));
-    EXPECT_EQ(log, "d@0 ");
-    ASSERT_TRUE(clock.advance_to(base, 4, settle));
-    EXPECT_EQ(log, "d@0 b@2 ");
-    EXPECT_EQ(clock.now(), 4);
-    timespec mono{};
-    clock.monotonic(&mono);
-    EXPECT_EQ(mono.tv_sec, 1004);
-    EXPECT_EQ(clock.wall().tv_sec, 1000004);
-
-    ASSERT_TRUE(clock.advance_to(base, 100, settle));
-    EXPECT_EQ(log, "d@0 b@2 c@a@5 ");
-    EXPECT_FALSE(clock.due(a.ev.get()).has_value());
-
-    // Armed again and cancelled: nothing fires.
-    clock.arm(a.ev.get(), 1);
-    event_del(a.ev.get());
-    ASSERT_TRUE(clock.advance_to(base, 200, settle));
-    EXPECT_EQ(log, "d@0 b@2 c@a@5 ");
-
-    for (named_timer *t : {&a, &b, &c, &d})
-        t->ev.reset();
-    event_base_free(base);
-}
-
 // A timer armed straight on libevent, past the clock, would fire on the wall
 // clock: it is listed first and stops the clock from moving.
 TEST(VirtualClock, ATimerArmedOnTheWallClockIsReported) {
