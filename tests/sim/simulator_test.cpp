@@ -1,4 +1,4 @@
-// The simulator on the cases under timelines/: each NAME.sim runs against
+// The simulator on the cases under golden/: each NAME.sim runs against
 // NAME.conf and must print NAME.timeline, line for line.
 
 #include "sim/simulator.h"
@@ -11,7 +11,7 @@
 
 namespace {
 
-const std::string cases_dir = TOVRIN_TEST_DIR "/sim/timelines";
+const std::string cases_dir = TOVRIN_TEST_DIR "/sim/golden";
 
 // The timeline of a script file, with the cases' directory left out of the
 // file names it shows.

@@ -55,7 +55,7 @@ void validate_and_render(const std::string &svg, const temp_dir &dir) {
 }
 
 TEST(TimelineSvg, SimulatedFailoverRendersWithItsRowsBandsAndMarkers) {
-    std::istringstream golden(test_file("sim/timelines/failover.timeline"));
+    std::istringstream golden(test_file("sim/golden/failover.timeline"));
     std::string svg = timeline_svg(timeline_read(golden), {"failover & <friends>"});
     temp_dir dir;
     validate_and_render(svg, dir);
