@@ -2,21 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "support/test_inst.h"
+#include "tools/run_program.h"
 
 namespace {
-
-struct outcome {
-    int status;
-    std::string out;
-};
-
-outcome sim(const temp_dir &dir, strings args) {
-    args.insert(args.begin(), TOVRIN_SIM_BIN);
-    dir.write_file("out", "");
-    child_process p(args, dir.file("out"));
-    return {p.wait_exit().value_or(-1), replaced(dir.read_file("out"), dir.path(), "DIR")};
-}
 
 TEST(TovrinSim, ExitStatusesAndWhatItSays) {
     temp_dir dir;
@@ -26,8 +14,9 @@ TEST(TovrinSim, ExitStatusesAndWhatItSays) {
     dir.write_file("wrong.sim", "# fine\nat 5 test a fails\nat 6 test a explodes\n");
     dir.write_file("flap.sim", "at 0 test a fails\n");
     dir.write_file("flap.conf", "conn a\n\ttest t\n\ttestdelay 600\n\tlog none\n");
-    const std::string ok = dir.file("ok.sim"), conf = dir.file("ok.conf");
-    struct row {
+    const std::string ok = dir.file("ok.sim"), conf = dir.file("ok.conf"),
+                      usage = "usage: tovrin-sim [--svg OUT] [--log MASKS] SCRIPT [FILE]\n";
+    const struct {
         strings args;
         int status;
         std::string said;  // the end of what it printed, standard error included
@@ -45,28 +34,27 @@ TEST(TovrinSim, ExitStatusesAndWhatItSays) {
         {{"--svg", "/nonexistent/x.svg", ok, conf},
          1,
          "5.000 end\ntovrin-sim: cannot write /nonexistent/x.svg\n"},
-        {{"--log", "loud", ok, conf},
-         64,
-         "tovrin-sim: unknown log mask word in 'loud'\nusage: tovrin-sim [--svg OUT] [--log "
-         "MASKS] SCRIPT [FILE]\n"},
-        {{}, 64, "usage: tovrin-sim [--svg OUT] [--log MASKS] SCRIPT [FILE]\n"},
-        {{"--svg"}, 64, "usage: tovrin-sim [--svg OUT] [--log MASKS] SCRIPT [FILE]\n"},
-        {{ok, conf, "extra"}, 64, "usage: tovrin-sim [--svg OUT] [--log MASKS] SCRIPT [FILE]\n"},
+        {{"--log", "loud", ok, conf}, 64, "tovrin-sim: unknown log mask word in 'loud'\n" + usage},
+        {{}, 64, usage},
+        {{"--svg"}, 64, usage},
+        {{ok, conf, "extra"}, 64, usage},
         // Restarting every 600 s for good: stopped an hour after the last
         // event, with a note.
         {{dir.file("flap.sim"), dir.file("flap.conf")},
          0,
          "3600.000 end\ntovrin-sim: still changing 3600 s after the last event; stopped there "
          "(give an end to go on)\n"},
+        // The picture goes where --svg says.
+        {{"--svg", dir.file("a.svg"), ok, conf}, 0, "5.000 end\n"},
     };
-    for (const row &r : rows) {
-        outcome got = sim(dir, r.args);
-        std::string args = join(r.args);
-        EXPECT_EQ(got.status, r.status) << args << "\n" << got.out;
-        EXPECT_TRUE(got.out.ends_with(r.said)) << args << "\n" << got.out;
+    for (const auto &r : rows) {
+        strings argv = r.args;
+        argv.insert(argv.begin(), TOVRIN_SIM_BIN);
+        auto [status, said] = run_program(argv, dir);
+        EXPECT_EQ(status, r.status) << join(r.args) << "\n" << said;
+        EXPECT_TRUE(replaced(said, dir.path(), "DIR").ends_with(r.said)) << join(r.args) << "\n"
+                                                                         << said;
     }
-    // The picture goes where --svg says.
-    EXPECT_EQ(sim(dir, {"--svg", dir.file("a.svg"), ok, conf}).status, 0);
     EXPECT_NE(dir.read_file("a.svg").find("<title>a: up from 0:00 to 0:05</title>"),
               std::string::npos);
 }
