@@ -23,46 +23,8 @@ namespace {
 // virtual seconds), only how many were written. A failed member of a plain
 // ordered group restarts until it passes, as often as its test delay
 // allows in however long it stays failed, which is jitter too: the group
-// here is a mutex group, whose failed member stays down, so every state
-// the simulation passes through is one the daemon passes through, in the
-// same order. Timings are seconds, so the real run takes a few.
-const char config[] = R"(global
-	keepalive 60
-
-orderedgroup uplinks
-	member wan1
-	member wan2
-	mutex
-	failforwardperiod 4
-	log none
-
-conn wan1
-	test ROOT/check wan1
-	testdelay 1
-	testperiod 1
-	log none
-
-conn wan2
-	test ROOT/check wan2
-	testdelay 1
-	testperiod 1
-	log none
-
-conn vpn
-	parent uplinks
-	up sleep 3600
-	test ROOT/check vpn
-	testdelay 1
-	testperiod 2
-	log none
-)";
-
-// wan1 fails at 20 s and is healthy again at 23 s, after the failover (two
-// failed runs a second apart) and before the failforward (4 s later).
-const char script[] = R"(at 20 test wan1 fails
-at 23 test wan1 passes
-)";
-
+// of the golden case run here is a mutex group, whose failed member stays
+// down. Timings are seconds, so the real run takes a few.
 const strings conns = {"uplinks", "wan1", "wan2", "vpn"};
 
 struct history {
@@ -125,7 +87,7 @@ TEST(SimHonesty, SimulationAgreesWithTheDaemon) {
         return s.root.read_file("recorded").find("tovrin.probe.ready") != std::string::npos;
     }));
 
-    const std::string conf = replaced(config, "ROOT", s.root.path());
+    const std::string conf = replaced(test_file("sim/golden/mutex.conf"), "ROOT", s.root.path());
     s.start(conf);
     ASSERT_TRUE(s.wait_status("vpn", "up"));
     s.root.write_file("fail-wan1", "");
@@ -142,9 +104,9 @@ TEST(SimHonesty, SimulationAgreesWithTheDaemon) {
     EXPECT_EQ(real.active, strings({"wan1", "wan2", "wan1"}));
 
     s.root.write_file("sim.conf", conf);
-    s.root.write_file("what-if", script);
-    child_process sim({TOVRIN_SIM_BIN, s.root.file("what-if"), s.root.file("sim.conf")},
-                      s.root.file("timeline"));
+    child_process sim(
+        {TOVRIN_SIM_BIN, TOVRIN_TEST_DIR "/sim/golden/mutex.sim", s.root.file("sim.conf")},
+        s.root.file("timeline"));
     ASSERT_EQ(sim.wait_exit(), 0) << s.root.read_file("timeline");
     expect_same(real, from_timeline(s.root.read_file("timeline")), "simulated");
 
