@@ -12,8 +12,11 @@ TEST(TovrinSim, ExitStatusesAndWhatItSays) {
     dir.write_file("bad.conf", "conn a\n\tbogus 1\n");
     dir.write_file("ok.sim", "end 5\n");
     dir.write_file("wrong.sim", "# fine\nat 5 test a fails\nat 6 test a explodes\n");
-    dir.write_file("flap.sim", "at 0 test a fails\n");
-    dir.write_file("flap.conf", "conn a\n\ttest t\n\ttestdelay 600\n\tlog none\n");
+    dir.write_file("flap.sim", "at 100 test a takes 5\n");
+    dir.write_file("flap.conf",
+                   "conn a\n\ttest t\n\ttestperiod 600\n\ttesttimeout 5\n\tlog none\n");
+    dir.write_file("long.sim", "end 40h\n");
+    dir.write_file("group.conf", "orderedgroup g\n\tmember a\n\tlog none\nconn a\n\tlog none\n");
     const std::string ok = dir.file("ok.sim"), conf = dir.file("ok.conf"),
                       usage = "usage: tovrin-sim [--svg OUT] [--log MASKS] SCRIPT [FILE]\n";
     const struct {
@@ -38,14 +41,16 @@ TEST(TovrinSim, ExitStatusesAndWhatItSays) {
         {{}, 64, usage},
         {{"--svg"}, 64, usage},
         {{ok, conf, "extra"}, 64, usage},
-        // Restarting every 600 s for good: stopped an hour after the last
-        // event, with a note.
+        // A test that takes as long as its time-out fails: restarting for
+        // good, stopped an hour after the last event, with a note.
         {{dir.file("flap.sim"), dir.file("flap.conf")},
          0,
-         "3600.000 end\ntovrin-sim: still changing 3600 s after the last event; stopped there "
+         "3700.000 end\ntovrin-sim: still changing 3600 s after the last event; stopped there "
          "(give an end to go on)\n"},
         // The picture goes where --svg says.
-        {{"--svg", dir.file("a.svg"), ok, conf}, 0, "5.000 end\n"},
+        {{"--svg", dir.file("a.svg"), dir.file("long.sim"), dir.file("group.conf")},
+         0,
+         "144000.000 end\n"},
     };
     for (const auto &r : rows) {
         strings argv = r.args;
@@ -55,8 +60,10 @@ TEST(TovrinSim, ExitStatusesAndWhatItSays) {
         EXPECT_TRUE(replaced(said, dir.path(), "DIR").ends_with(r.said)) << join(r.args) << "\n"
                                                                          << said;
     }
-    EXPECT_NE(dir.read_file("a.svg").find("<title>a: up from 0:00 to 0:05</title>"),
-              std::string::npos);
+    // Up all along, the active member all along, on an axis in hours.
+    for (const char *part : {"<title>a: up from 0:00 to 40:00:00</title>",
+                             "<title>a active in its group</title>", ">6:00:00</text>"})
+        EXPECT_NE(dir.read_file("a.svg").find(part), std::string::npos) << part;
 }
 
 }  // namespace
