@@ -253,9 +253,8 @@ check "a pid file naming another live process does not keep the daemon out" even
     eval 'conns_up && [ "$(ct cat /run/tovrin.pid)" = "$(prop tovrin.service MainPID)" ]'
 check "  nor makes it restart" eval 'no_restarts && ! daemon_said "$since" "Another tovrin"'
 daemon=$(prop tovrin.service MainPID)
-second=0
 # Bounded, should it not be refused.
-timeout 30 nsenter -t "$init_pid" -a /usr/sbin/tovrin || second=$?
+second=$(timeout 30 nsenter -t "$init_pid" -a /usr/sbin/tovrin >&2; echo $?)
 check "a second instance is refused with status 255 ($second)" test "$second" = 255
 check "  saying why" eventually 10 daemon_said "$since" "Another tovrin instance is running, exiting..."
 check "  and the running one keeps its pid file" test "$(ct cat /run/tovrin.pid)" = "$daemon"
