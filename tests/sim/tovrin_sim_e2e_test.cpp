@@ -9,6 +9,7 @@ namespace {
 TEST(TovrinSim, ExitStatusesAndWhatItSays) {
     temp_dir dir;
     dir.write_file("ok.conf", "conn a\n\tlog none\n");
+    dir.write_file("loud.conf", "conn a\n");
     dir.write_file("bad.conf", "conn a\n\tbogus 1\n");
     dir.write_file("ok.sim", "end 5\n");
     dir.write_file("wrong.sim", "# fine\nat 5 test a fails\nat 6 test a explodes\n");
@@ -25,9 +26,13 @@ TEST(TovrinSim, ExitStatusesAndWhatItSays) {
         std::string said;  // the end of what it printed, standard error included
     } rows[] = {
         {{ok, conf}, 0, "0.000 state a up\n5.000 end\n"},
+        // --log replaces the file's masks, the conns' and the daemon's own.
         {{"--log", "none,+uptransitions", ok, conf},
          0,
          "0.000 log INFO a is now running successfully\n5.000 end\n"},
+        {{"--log", "none,+debugmessages", ok, dir.file("loud.conf")},
+         0,
+         "0.000 log INFO Message from a to a of type check start\n0.000 state a up\n5.000 end\n"},
         {{dir.file("wrong.sim"), conf},
          2,
          "DIR/wrong.sim:3: test takes fails, passes, takes or hangs\n"},
