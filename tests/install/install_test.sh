@@ -56,6 +56,10 @@ done <<EOT
 2 $dest/refused.conf
 64 --bogus
 EOT
+# A program found only in the first directory of PATH is found there.
+printf 'conn a\n\tstart tovrin-sim\n' > "$dest/path.conf"
+PATH="$real/sbin:$PATH" "$real/sbin/tovrin-check" "$dest/path.conf" > /dev/null 2>&1 ||
+    fail "tovrin-check missed a program in the first directory of PATH"
 
 # systemd's own check; without it the test says it was skipped (77, as
 # CTest is told). It only warns about unknown keys, so any word from it
