@@ -24,7 +24,8 @@ TEST(Pidfile, OnlyALiveInstanceHoldsTheFile) {
         child_process holder({dir.file(program), "60"}, "/dev/null");
         const std::string comm = "/proc/" + std::to_string(holder.pid()) + "/comm";
         ASSERT_TRUE(wait_until([&] { return read_file(comm) == program + std::string("\n"); }));
-        EXPECT_EQ(valid_with(std::to_string(holder.pid()) + "\n"), valid) << program;
+        // The newline at the end is optional.
+        EXPECT_EQ(valid_with(std::to_string(holder.pid())), valid) << program;
     }
 
     // A process that is gone, a file that is not a pid, no file.
@@ -42,9 +43,18 @@ TEST(Pidfile, OnlyALiveInstanceHoldsTheFile) {
     EXPECT_EQ(valid_with(std::to_string(getpid()) + "\n"), 1);
     prctl(PR_SET_NAME, own_name);
 
-    // Written and removed by its owner only.
+    // Written, readable by all, and removed by its owner only, in a
+    // directory it is given; one that cannot be put in place leaves nothing.
+    EXPECT_EQ(veltrane_pidfile_create("", "tovrin"), -1);
+    std::filesystem::remove(dir.file("tovrin.pid"));
+    std::filesystem::create_directory(dir.file("tovrin.pid"));
+    EXPECT_EQ(veltrane_pidfile_create(run, "tovrin"), -1);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 6);
+    std::filesystem::remove(dir.file("tovrin.pid"));
     ASSERT_EQ(veltrane_pidfile_create(run, "tovrin"), 0);
     EXPECT_EQ(dir.read_file("tovrin.pid"), std::to_string(getpid()) + "\n");
+    EXPECT_EQ(std::filesystem::status(dir.file("tovrin.pid")).permissions(),
+              static_cast<std::filesystem::perms>(0644));
     EXPECT_EQ(veltrane_pidfile_clear(run, "tovrin"), 0);
     EXPECT_FALSE(dir.exists("tovrin.pid"));
     dir.write_file("tovrin.pid", "1\n");
