@@ -63,9 +63,7 @@ for library in $(ldd "$build/src/tovrin" "$build/tools/stord/stord" "$build/tool
 done
 packages=$(tr , '\n' <<< "$packages" | sort -u | paste -sd,)
 base="$cache/$VERSION_CODENAME-$(sha1sum <<< "$packages" | cut -c1-12)"
-mkdir -p "$cache"
-exec 9> "$cache/lock"
-flock 9
+mkdir -p "$cache" && exec 9> "$cache/lock" && flock 9
 if [ ! -d "$base" ]; then
     echo "== debootstrap $VERSION_CODENAME with $packages into $base"
     rm -rf "$base.new"
@@ -130,10 +128,8 @@ boot_done() {
     booted=$(timeout 120 nsenter -t "$init_pid" -a systemctl is-system-running --wait 2>&1) || :
     [ "$booted" = running ] || [ "$booted" = degraded ]
 }
-eventually 120 boot_done || {
-    cat "$work/nspawn.log"
-    not_run "the container did not boot (systemctl is-system-running: ${booted:-})"
-}
+eventually 120 boot_done ||
+    { cat "$work/nspawn.log"; not_run "the container did not boot (is-system-running: $booted)"; }
 echo "== booted: $booted"
 
 prop() { ct systemctl show -P "$2" "$1"; }
@@ -147,9 +143,7 @@ up() {
 # shellcheck disable=SC2120 # eventually passes it a name
 conns_up() { up monitor vpn uplinks wan1 "$@"; }
 # The command lines of the processes running in the container, one a line.
-processes() {
-    ct sh -c 'for f in /proc/[0-9]*/cmdline; do tr "\0" " " < "$f"; echo; done 2> /dev/null'
-}
+processes() { ct sh -c 'for f in /proc/[0-9]*/cmdline; do tr "\0" " " < "$f"; echo; done 2> /dev/null'; }
 # Whether the daemon (not a command of the unit, such as the checker) logged
 # TEXT since the time SINCE. A grep that finds a line reads on to the end: one
 # that left early would fail the pipeline (pipefail) by the writer's SIGPIPE.
