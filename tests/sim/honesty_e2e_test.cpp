@@ -1,7 +1,8 @@
-// The simulator must say what the daemon does: one configuration and one
-// failure, run for real (tovrin-sandbox, stord, tests that are small shell
-// scripts failing while a file says so) and in tovrin-sim, give the same
-// sequence of states for every conn and the same moves of the group. A
+// The simulator must say what the daemon does: the golden case mutex (one
+// configuration and one failure), run for real (tovrin-sandbox, stord,
+// tests that are small shell scripts failing while a file says so), gives
+// the sequence of states for every conn and the moves of the group that
+// its golden timeline shows, which the simulator's own test holds it to. A
 // recording of the real run by storectl record shows the same, and plots.
 
 #include <signal.h>
@@ -23,46 +24,8 @@ namespace {
 // virtual seconds), only how many were written. A failed member of a plain
 // ordered group restarts until it passes, as often as its test delay
 // allows in however long it stays failed, which is jitter too: the group
-// here is a mutex group, whose failed member stays down, so every state
-// the simulation passes through is one the daemon passes through, in the
-// same order. Timings are seconds, so the real run takes a few.
-const char config[] = R"(global
-	keepalive 60
-
-orderedgroup uplinks
-	member wan1
-	member wan2
-	mutex
-	failforwardperiod 4
-	log none
-
-conn wan1
-	test ROOT/check wan1
-	testdelay 1
-	testperiod 1
-	log none
-
-conn wan2
-	test ROOT/check wan2
-	testdelay 1
-	testperiod 1
-	log none
-
-conn vpn
-	parent uplinks
-	up sleep 3600
-	test ROOT/check vpn
-	testdelay 1
-	testperiod 2
-	log none
-)";
-
-// wan1 fails at 20 s and is healthy again at 23 s, after the failover (two
-// failed runs a second apart) and before the failforward (4 s later).
-const char script[] = R"(at 20 test wan1 fails
-at 23 test wan1 passes
-)";
-
+// of the golden case run here is a mutex group, whose failed member stays
+// down. Timings are seconds, so the real run takes a few.
 const strings conns = {"uplinks", "wan1", "wan2", "vpn"};
 
 struct history {
@@ -125,8 +88,7 @@ TEST(SimHonesty, SimulationAgreesWithTheDaemon) {
         return s.root.read_file("recorded").find("tovrin.probe.ready") != std::string::npos;
     }));
 
-    const std::string conf = replaced(config, "ROOT", s.root.path());
-    s.start(conf);
+    s.start(replaced(test_file("sim/golden/mutex.conf"), "ROOT", s.root.path()));
     ASSERT_TRUE(s.wait_status("vpn", "up"));
     s.root.write_file("fail-wan1", "");
     ASSERT_TRUE(wait_until([&] { return from_journal(s).active.size() == 2; }));
@@ -141,12 +103,7 @@ TEST(SimHonesty, SimulationAgreesWithTheDaemon) {
     history real = from_journal(s);
     EXPECT_EQ(real.active, strings({"wan1", "wan2", "wan1"}));
 
-    s.root.write_file("sim.conf", conf);
-    s.root.write_file("what-if", script);
-    child_process sim({TOVRIN_SIM_BIN, s.root.file("what-if"), s.root.file("sim.conf")},
-                      s.root.file("timeline"));
-    ASSERT_EQ(sim.wait_exit(), 0) << s.root.read_file("timeline");
-    expect_same(real, from_timeline(s.root.read_file("timeline")), "simulated");
+    expect_same(real, from_timeline(test_file("sim/golden/mutex.timeline")), "simulated");
 
     std::string recorded = s.root.read_file("recorded");
     expect_same(real, from_timeline(recorded), "recorded");

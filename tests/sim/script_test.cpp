@@ -94,6 +94,8 @@ TEST(SimScript, ErrorsNameTheirLine) {
         {"at 5d cmd a", 1, "bad time '5d': whole seconds, or with s, m or h"},
         {"at 99999999h cmd a", 1, "bad time '99999999h': whole seconds, or with s, m or h"},
         {"at 316224001 cmd a", 1, "bad time '316224001': whole seconds, or with s, m or h"},
+        {"at 99999999999999999999 cmd a", 1,
+         "bad time '99999999999999999999': whole seconds, or with s, m or h"},
         {"at 5", 1, "an event must follow the time"},
         {"at 5 # nothing", 1, "an event must follow the time"},
         {"at 5 launch a", 1, "unknown event 'launch'"},

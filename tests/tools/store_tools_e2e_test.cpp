@@ -5,17 +5,15 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <regex>
+
 #include "platform/unique_fd.h"
 #include "stord/client.h"
-#include "support/test_inst.h"
+#include "tools/run_program.h"
 
-using result = std::pair<int, std::string>;
-
-static result storectl(e2e_sandbox &s, strings args) {
+static ran storectl(const e2e_sandbox &s, strings args) {
     args.insert(args.begin(), {TOVRIN_STORECTL_BIN, "--socket", s.root.file("var/run/stord.sock")});
-    s.root.write_file("ctl.out", "");
-    child_process ctl(args, s.root.file("ctl.out"));
-    return {ctl.wait_exit().value_or(-1), s.root.read_file("ctl.out")};
+    return run_program(args, s.root);
 }
 
 // The line storectl status puts above the last words of a daemon that went.
@@ -24,24 +22,29 @@ static const std::string last_words = "); the states below are its last words\n"
 
 TEST(StoreTools, StorectlSubcommandsAndTheirStatuses) {
     e2e_sandbox s;
-    EXPECT_EQ(storectl(s, {"set", "a", "hello world"}), result(0, ""));
-    EXPECT_EQ(storectl(s, {"cmd", "wan,cli,restart"}), result(0, ""));
-    EXPECT_EQ(storectl(s, {"get", "a"}), result(0, "hello world\n"));
-    EXPECT_EQ(storectl(s, {"get", "c"}), result(1, ""));
+    const std::string socket = s.root.file("var/run/stord.sock");
+    EXPECT_EQ(storectl(s, {"set", "a", "hello world"}), ran(0, ""));
+    EXPECT_EQ(storectl(s, {"cmd", "wan,cli,restart"}), ran(0, ""));
+    EXPECT_EQ(storectl(s, {"get", "a"}), ran(0, "hello world\n"));
+    EXPECT_EQ(storectl(s, {"wait", "a", "hello world"}), ran(0, ""));
+    EXPECT_EQ(storectl(s, {"get", "c"}), ran(1, ""));
     EXPECT_EQ(storectl(s, {"dump"}),
-              result(0, "a=hello world\nconfig.tovrin.command=wan,cli,restart\n"));
-    EXPECT_EQ(storectl(s, {"del", "a"}), result(0, ""));
-    EXPECT_EQ(storectl(s, {"get", "a"}), result(1, ""));
+              ran(0, "a=hello world\nconfig.tovrin.command=wan,cli,restart\n"));
+    EXPECT_EQ(storectl(s, {"del", "a"}), ran(0, ""));
+    EXPECT_EQ(storectl(s, {"get", "a"}), ran(1, ""));
+    // The journal has a line for each request, as it came.
+    EXPECT_TRUE(s.root.read_file("journal").starts_with(
+        "1 set a 1 hello world\n1 sync\n2 set config.tovrin.command 1 wan,cli,restart\n"));
 
     // status: keys nobody connected as tovrin set are not the daemon's.
     storectl(s, {"set", "tovrin.old.status", "up"});
-    EXPECT_EQ(storectl(s, {"status"}), result(0, "tovrin has not connected to the store\n"));
+    EXPECT_EQ(storectl(s, {"status"}), ran(0, "tovrin has not connected to the store\n"));
 
     // A client naming itself tovrin plays the daemon: one line per conn it
     // set a status key for, groups with their active member and last
     // failover in local time. The key from before is not shown.
     setenv("TZ", "UTC", 1);
-    auto daemon = std::make_optional<stord_client>(s.root.file("var/run/stord.sock"), "tovrin");
+    auto daemon = std::make_optional<stord_client>(socket, "tovrin");
     daemon->subscribe("config.tovrin.command");
     for (auto [key, value] : {std::pair{"tovrin.a.b.status", "waiting to start"},
                               {"tovrin.up.status", "up"},
@@ -56,51 +59,47 @@ TEST(StoreTools, StorectlSubcommandsAndTheirStatuses) {
         "a.b   waiting to start\n"
         "up    up                wan     2026-11-18 11:06:40\n"
         "wan   down\n";
-    EXPECT_EQ(storectl(s, {"status"}), result(0, table));
+    EXPECT_EQ(storectl(s, {"status"}), ran(0, table));
 
-    // A watch redraws ...
+    // A watch redraws when a key of the daemon changes, and when the daemon
+    // goes, with its last words marked: each view drawn before the next
+    // change.
     s.root.write_file("watch.out", "");
-    child_process watch(
-        {TOVRIN_STORECTL_BIN, "--socket", s.root.file("var/run/stord.sock"), "status", "--watch"},
-        s.root.file("watch.out"));
-    ASSERT_TRUE(wait_until([&] { return s.root.read_file("watch.out") == table; }));
-    // ... when a key of the daemon changes,
+    child_process watch({TOVRIN_STORECTL_BIN, "--socket", socket, "status", "--watch"},
+                        s.root.file("watch.out"));
+    const std::regex header("NAME ");
+    auto views_drawn = [&](long views) {
+        return wait_until([&] {
+            std::string out = s.root.read_file("watch.out");
+            return std::distance(std::sregex_iterator(out.begin(), out.end(), header),
+                                 std::sregex_iterator()) == views;
+        });
+    };
+    ASSERT_TRUE(views_drawn(1));
     daemon->set("tovrin.wan.status", "up");
-    const std::string wan_up =
-        "\nNAME  STATE             ACTIVE  FAILED OVER\n"
-        "a.b   waiting to start\n"
-        "up    up                wan     2026-11-18 11:06:40\n"
-        "wan   up\n";
-    ASSERT_TRUE(wait_until([&] { return s.root.read_file("watch.out") == table + wan_up; }));
+    ASSERT_TRUE(views_drawn(2));
     daemon->set("tovrin.wan.status", "down");
-    ASSERT_TRUE(wait_until([&] { return s.root.read_file("watch.out").ends_with(table); }));
-    // ... and when the daemon goes, with its last words marked.
+    ASSERT_TRUE(views_drawn(3));
     daemon.reset();
-    const std::string was =
-        "NAME  STATE                 ACTIVE  FAILED OVER\n"
-        "a.b   was waiting to start\n"
-        "up    was up                wan     2026-11-18 11:06:40\n"
-        "wan   was down\n";
-    ASSERT_TRUE(wait_until([&] { return s.root.read_file("watch.out").ends_with(was); }));
+    ASSERT_TRUE(views_drawn(4));
     kill(watch.pid(), SIGTERM);
     EXPECT_EQ(watch.wait_exit(), 0);
     std::string redrawn = s.root.read_file("watch.out");
-    const size_t gone_at = 2 * (table.size() + 1) + wan_up.size();
-    EXPECT_EQ(redrawn.substr(gone_at - 1, 1 + gone_line.size()), "\n" + gone_line);
-    EXPECT_EQ(redrawn.find(last_words + was), redrawn.size() - last_words.size() - was.size());
-    EXPECT_EQ(storectl(s, {"status", "--watch", "--for", "0.1"}).second, redrawn.substr(gone_at));
+    EXPECT_EQ(std::regex_replace(redrawn, std::regex("since [-0-9: ]+\\)"), "since TIME)"),
+              test_file("tools/golden/status_watch.txt"));
+    EXPECT_EQ(storectl(s, {"status", "--watch", "--for", "0.1"}).second,
+              redrawn.substr(redrawn.find(gone_line)));
 
     // A session asked for without a name is refused like any bad frame.
-    stord_client nameless(s.root.file("var/run/stord.sock"));
+    stord_client nameless(socket);
     nameless.send_raw(stord_frame_encode("29\x1e"));
     EXPECT_TRUE(nameless.wait_closed(10s));
     EXPECT_NE(s.root.read_file("stord.out").find("dropped: empty client name"), std::string::npos)
         << s.root.read_file("stord.out");
 
     // The latest connection to take the name holds the session: an earlier
-    // one subscribing again does not take it back, and its going changes
-    // nothing.
-    const std::string socket = s.root.file("var/run/stord.sock");
+    // one subscribing again does not take it back, and its going (once its
+    // subscription is gone) changes nothing.
     auto first = std::make_optional<stord_client>(socket, "tovrin");
     stord_client second(socket, "tovrin");
     first->subscribe("k");
@@ -111,18 +110,21 @@ TEST(StoreTools, StorectlSubcommandsAndTheirStatuses) {
     second.sync();
     first->subscribe("k2");
     first->sync();
-    const result second_only(0, "NAME    STATE  ACTIVE  FAILED OVER\nsecond  up\n");
+    const ran second_only(0, "NAME    STATE  ACTIVE  FAILED OVER\nsecond  up\n");
     EXPECT_EQ(storectl(s, {"status"}), second_only);
     first.reset();
-    // Gone once its subscription is.
     ASSERT_TRUE(wait_until([&] { return second.count_subscriptions("k") == 1; }));
     EXPECT_EQ(storectl(s, {"status"}), second_only);
 
-    EXPECT_EQ(storectl(s, {"bogus"}).first, 2);
+    for (const strings &args : {strings{"bogus"},
+                                {"bogus", "a", "b"},
+                                {"wait", "a", "b", "-1"},
+                                {"status", "--watch", "--for", "1", "--for", "1"}})
+        EXPECT_EQ(storectl(s, args).first, 2) << join(args);
     kill(s.store->pid(), SIGTERM);
     EXPECT_EQ(s.store->wait_exit(), 0);
     EXPECT_FALSE(s.root.exists("var/run/stord.sock"));
-    result gone = storectl(s, {"get", "a"});
+    ran gone = storectl(s, {"get", "a"});
     EXPECT_EQ(gone.first, 1);
     EXPECT_NE(gone.second, "");
 }
@@ -133,20 +135,20 @@ TEST(StoreTools, StatusFollowsTheDaemonsRuns) {
     e2e_sandbox s;
     s.start("conn a\n");
     ASSERT_TRUE(s.wait_status("a", "up"));
-    EXPECT_EQ(storectl(s, {"status"}), result(0, "NAME  STATE  ACTIVE  FAILED OVER\na     up\n"));
+    EXPECT_EQ(storectl(s, {"status"}), ran(0, "NAME  STATE  ACTIVE  FAILED OVER\na     up\n"));
     kill(s.daemon->pid(), SIGKILL);
     EXPECT_EQ(s.daemon->wait_exit(), 128 + SIGKILL);
-    result after = storectl(s, {"status"});
+    ran after = storectl(s, {"status"});
     EXPECT_TRUE(after.second.starts_with(gone_line)) << after.second;
-    EXPECT_TRUE(after.second.ends_with(last_words + "NAME  STATE   ACTIVE  FAILED OVER\n"
-                                                    "a     was up\n"))
+    EXPECT_TRUE(
+        after.second.ends_with(last_words + "NAME  STATE   ACTIVE  FAILED OVER\na     was up\n"))
         << after.second;
 
     s.daemon.reset();
     s.start("conn b\n");
     ASSERT_TRUE(s.wait_status("b", "up"));
-    EXPECT_EQ(storectl(s, {"get", "tovrin.a.status"}), result(0, "up\n"));
-    EXPECT_EQ(storectl(s, {"status"}), result(0, "NAME  STATE  ACTIVE  FAILED OVER\nb     up\n"));
+    EXPECT_EQ(storectl(s, {"get", "tovrin.a.status"}), ran(0, "up\n"));
+    EXPECT_EQ(storectl(s, {"status"}), ran(0, "NAME  STATE  ACTIVE  FAILED OVER\nb     up\n"));
     s.stop_store();
 }
 
@@ -155,38 +157,33 @@ TEST(StoreTools, StatusFollowsTheDaemonsRuns) {
 // to the manager; anything else handed over is refused.
 TEST(StoreTools, StordServesTheSocketItIsHanded) {
     temp_dir dir;
-    const std::string path = dir.file("handed.sock");
-    unique_fd listening(socket(AF_UNIX, SOCK_STREAM, 0));
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    ASSERT_LT(path.size(), sizeof addr.sun_path);
-    path.copy(addr.sun_path, path.size());
+    const std::string handed = dir.file("handed.sock"), own = dir.file("own.sock");
+    unique_fd listening(socket(AF_UNIX, SOCK_STREAM, 0)), unbound(socket(AF_UNIX, SOCK_STREAM, 0));
+    sockaddr_un addr{AF_UNIX, {}};
+    ASSERT_LT(handed.size(), sizeof addr.sun_path);
+    handed.copy(addr.sun_path, handed.size());
     ASSERT_EQ(bind(listening.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
     ASSERT_EQ(listen(listening.get(), 8), 0);
-    unique_fd unbound(socket(AF_UNIX, SOCK_STREAM, 0));
-
     const struct {
         const char *listen_pid;  // "$$": stord's own
-        const char *listen_fds;
+        const char *listen_fds;  // nullptr: not set
         int fd;
         strings args;
         std::optional<int> status;  // nullopt: it serves
         std::string says;
     } cases[] = {
         {"$$", "1", listening.get(), {}, std::nullopt, "passed by the service manager"},
-        {"1",
-         "1",
-         listening.get(),
-         {"--socket", dir.file("own.sock")},
-         std::nullopt,
-         "listening on " + dir.file("own.sock")},
+        {"1", "1", listening.get(), {"--socket", own}, std::nullopt, "listening on " + own},
         {"$$", "2", listening.get(), {}, 1, "passed 2 sockets; stord serves exactly one"},
         {"$$", "1", unbound.get(), {}, 1, "not a listening Unix stream socket"},
-        {"$$", "1", listening.get(), {"--socket", dir.file("own.sock")}, 2, "one was passed"},
+        {"$$", "1", listening.get(), {"--socket", own}, 2, "one was passed"},
+        {"$$", nullptr, listening.get(), {"--socket", own}, 1, "passed 0 sockets"},
+        {"1", "1", listening.get(), {"--socket", dir.file(std::string(108, 'x'))}, 1, "too long"},
     };
     for (const auto &c : cases) {
         strings argv = {"/bin/sh", "-c",
-                        std::string("LISTEN_PID=") + c.listen_pid + " LISTEN_FDS=" + c.listen_fds +
+                        std::string("LISTEN_PID=") + c.listen_pid +
+                            (c.listen_fds ? std::string(" LISTEN_FDS=") + c.listen_fds : "") +
                             " exec \"$0\" \"$@\" 3<&" + std::to_string(c.fd),
                         TOVRIN_STORD_BIN};
         argv.insert(argv.end(), c.args.begin(), c.args.end());
@@ -198,14 +195,13 @@ TEST(StoreTools, StordServesTheSocketItIsHanded) {
             ASSERT_TRUE(wait_until([&] {
                 return dir.read_file("stord.out").find(c.says) != std::string::npos;
             })) << dir.read_file("stord.out");
-            const bool own = !c.args.empty();
-            stord_client client(own ? dir.file("own.sock") : path);
+            stord_client client(c.args.empty() ? handed : own);
             client.set("k", "v");
             EXPECT_EQ(client.get("k"), "v");
             kill(store.pid(), SIGTERM);
             EXPECT_EQ(store.wait_exit(), 0);
             // Its own socket file goes with it; the handed one stays.
-            EXPECT_EQ(dir.exists("own.sock"), false);
+            EXPECT_FALSE(dir.exists("own.sock"));
             EXPECT_TRUE(dir.exists("handed.sock"));
         }
         EXPECT_NE(dir.read_file("stord.out").find(c.says), std::string::npos)
