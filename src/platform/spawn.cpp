@@ -166,8 +166,7 @@ bool exec_failed(int error) {
 // below.
 pid_t spawn(const char *file, char *const argv[], const rlim_t *child_nofile, int *stdout_fd,
             int *stderr_fd) {
-    if (file == nullptr || argv == nullptr || stdout_fd == nullptr ||
-        stderr_fd == nullptr) {
+    if (file == nullptr || argv == nullptr || stdout_fd == nullptr || stderr_fd == nullptr) {
         errno = EINVAL;
         return -1;
     }

@@ -30,8 +30,8 @@ void tovrin_conn_cancel_tests(tovrin_conn *conn);
 void tovrin_conn_queue_up_actions(tovrin_conn *conn);
 
 // Ends every up command of conn that has a child, as on a time-out; each
-// entry goes when its exit is handled. Entries without a child (a spawn that
-// failed, a re-spawn still waiting) go at once.
+// entry goes when its exit is handled. An entry whose re-spawn is still
+// waiting goes when its timer fires and finds the conn no longer running.
 void tovrin_conn_stop_up_actions(tovrin_conn *conn);
 
 // Takes an up entry out of conn's queued_up_actions and frees it, as when
