@@ -51,8 +51,9 @@ outcome loaded(test_inst &t) {
     tovrin_conn *g = t.conn("a-group-with-a-long-name");
     if (a == nullptr || g == nullptr)
         return {"not loaded"};
-    return {"members " + std::to_string(g->members.size()),
-            "actions " + std::to_string(a->start_actions.size()),
+    const tovrin_action_list *starts = tovrin_conn_actions(a, TOVRIN_ACTION_START);
+    return {"members " + std::to_string(g->group_part->members.size()),
+            "actions " + std::to_string(starts != nullptr ? starts->size() : 0),
             "parents " + std::to_string(a->parents.size()),
             "children " + std::to_string(a->children.size()),
             "deps " + std::to_string(a->file_deps.size())};
@@ -159,10 +160,11 @@ const sweep_case cases[] = {
          bool stopping = g->current_state == TOVRIN_STATE_STOPPING ||
                          g->current_state == TOVRIN_STATE_WAITING_TO_START ||
                          g->current_state == TOVRIN_STATE_DOWN;
-         EXPECT_FALSE(g->currently_failing_over && stopping) << "a failover left half done";
+         EXPECT_FALSE(g->group_part->currently_failing_over && stopping)
+             << "a failover left half done";
          EXPECT_TRUE(t.inst.message_queue.empty()) << "messages left for a later delivery";
          return outcome{std::string("state ") + tovrin_state_name(g->current_state),
-                        "active " + g->active_conn_name};
+                        "active " + g->group_part->active_conn_name};
      },
      {failover_not_armed, failforward_not_armed, failover_not_armed,
       "1537 a-group-with-a-long-name(2) failforward_event not initialized yet, set and add it",

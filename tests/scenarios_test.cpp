@@ -162,7 +162,10 @@ struct runner {
                              unique_fd(pipe[1])};
             // The conn is the one whose queued entry holds this very argv[0].
             for (tovrin_conn &conn : inst.conns) {
-                for (auto *queue : {&conn.queued_actions, &conn.queued_up_actions}) {
+                if (conn.command_part == nullptr)
+                    continue;
+                tovrin_command_part &part = *conn.command_part;
+                for (auto *queue : {&part.queued_actions, &part.queued_up_actions}) {
                     for (const auto &entry : *queue) {
                         if (!entry->argv.empty() && entry->argv.front().data() == argv[0])
                             child.conn = conn.name;
@@ -268,11 +271,15 @@ struct runner {
                                            {"reload", inst.config_reload_timer.raw()}};
         for (tovrin_conn &conn : inst.conns) {
             const std::string &n = conn.name;
-            out.insert({{n + ".test", conn.test_event.raw()},
-                        {n + ".failover", conn.failover_event.raw()},
-                        {n + ".failforward", conn.failforward_event.raw()},
-                        {n + ".updelay", conn.up_action_failed_delay_event.raw()}});
-            for (auto *queue : {&conn.queued_actions, &conn.queued_up_actions}) {
+            out.insert({n + ".test", conn.test_event.raw()});
+            if (tovrin_group_part *group = conn.group_part.get())
+                out.insert({{n + ".failover", group->failover_event.raw()},
+                            {n + ".failforward", group->failforward_event.raw()}});
+            if (conn.command_part == nullptr)
+                continue;
+            tovrin_command_part &part = *conn.command_part;
+            out.insert({n + ".updelay", part.up_action_failed_delay_event.raw()});
+            for (auto *queue : {&part.queued_actions, &part.queued_up_actions}) {
                 for (const auto &e : *queue) {
                     std::string prefix = n + "." + e->command_name + ".";
                     out.insert({prefix + "respawn", e->respawn_event.raw()});

@@ -149,9 +149,9 @@ bool conn_is_group(const tovrin_conn *conn) {
 // A group's active member as it resolves now; null for a plain conn, a group
 // without one, or a name not found (logged by the lookup).
 tovrin_conn *conn_active_member(tovrin_conn *conn) {
-    if (!conn_is_group(conn) || conn->active_conn_name.empty())
+    if (!conn_is_group(conn) || conn->group_part->active_conn_name.empty())
         return nullptr;
-    return tovrin_conn_find(conn->inst, conn->active_conn_name);
+    return tovrin_conn_find(conn->inst, conn->group_part->active_conn_name);
 }
 
 enum class search_kind { first, all };

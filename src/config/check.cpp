@@ -161,22 +161,24 @@ void finder::say_args(int line, const char *format, va_list args) {
 }
 
 void finder::undefined_names() {
-    struct link_kind {
-        const char *word;
-        tovrin_link_list tovrin_conn::*links;
-    };
-    static const link_kind kinds[] = {
-        {"parent", &tovrin_conn::parents},
-        {"child", &tovrin_conn::children},
-        {"member", &tovrin_conn::members},
-    };
     // Only a clause of a defined conn can name a deaf one: the fix-ups add
     // the other side of each link to the deaf conn, not the reverse.
     for (const tovrin_conn &conn : inst_->conns) {
         if (conn.is_deaf)
             continue;
+        struct link_kind {
+            const char *word;
+            const tovrin_link_list *links;  // null: a plain conn's members
+        };
+        const link_kind kinds[] = {
+            {"parent", &conn.parents},
+            {"child", &conn.children},
+            {"member", conn.group_part != nullptr ? &conn.group_part->members : nullptr},
+        };
         for (const link_kind &kind : kinds) {
-            for (const tovrin_link &link : conn.*kind.links) {
+            if (kind.links == nullptr)
+                continue;
+            for (const tovrin_link &link : *kind.links) {
                 const tovrin_conn *target = inst_->conns.find(link.name);
                 if (target != nullptr && target->is_deaf)
                     say(&conn, "%s %s: %s %s is defined nowhere; it will be a deaf conn",
@@ -190,7 +192,7 @@ void finder::shared_members() {
     for (const tovrin_conn &group : inst_->conns) {
         if (!is_group(group))
             continue;
-        for (const tovrin_link &member : group.members) {
+        for (const tovrin_link &member : group.group_part->members) {
             const tovrin_conn *target = inst_->conns.find(member.name);
             if (target != nullptr && target->group_name != group.name)
                 say(&group, "group %s: member %s stays in group %s, which claimed it first",
@@ -201,9 +203,11 @@ void finder::shared_members() {
 
 void finder::empty_groups() {
     for (const tovrin_conn &group : inst_->conns) {
-        bool named = std::any_of(group.members.begin(), group.members.end(),
-                                 [](const tovrin_link &m) { return !m.name.empty(); });
-        if (is_group(group) && !named)
+        if (!is_group(group))
+            continue;
+        const tovrin_link_list &members = group.group_part->members;
+        if (std::none_of(members.begin(), members.end(),
+                         [](const tovrin_link &m) { return !m.name.empty(); }))
             say(&group, "group %s has no members", group.name.c_str());
     }
 }
@@ -266,17 +270,20 @@ void finder::program_missing(const tovrin_conn &conn, const char *word, const to
 void finder::commands() {
     struct action_kind {
         const char *word;
-        tovrin_action_list tovrin_conn::*actions;
+        int type;
     };
     static const action_kind kinds[] = {
-        {"start", &tovrin_conn::start_actions},
-        {"stop", &tovrin_conn::stop_actions},
-        {"test", &tovrin_conn::test_actions},
-        {"up", &tovrin_conn::up_actions},
+        {"start", TOVRIN_ACTION_START},
+        {"stop", TOVRIN_ACTION_STOP},
+        {"test", TOVRIN_ACTION_TEST},
+        {"up", TOVRIN_ACTION_UP},
     };
     for (tovrin_conn &conn : inst_->conns) {
         for (const action_kind &kind : kinds) {
-            for (const auto &action : conn.*kind.actions) {
+            const tovrin_action_list *actions = tovrin_conn_actions(&conn, kind.type);
+            if (actions == nullptr)
+                continue;
+            for (const auto &action : *actions) {
                 // What the tokenizer says about a command belongs to its line.
                 inst_->config_line = action->config_line;
                 std::vector<std::string> unresolved;

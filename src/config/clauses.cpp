@@ -77,14 +77,12 @@ char *rest_of_line(char *line_copy, const char *keyword) {
 }
 
 int add_action(tovrin_conn *conn, const config_clause &clause, int type) {
-    tovrin_action_list *lists[] = {&conn->start_actions, &conn->stop_actions, &conn->test_actions,
-                                   &conn->up_actions};
     std::unique_ptr<tovrin_action> action =
         tovrin_action_new(rest_of_line(clause.line_copy, clause.tokens[0]), type);
     try {
         if (action != nullptr) {
             action->config_line = conn->inst->config_line;
-            lists[type]->push_back(std::move(action));
+            tovrin_conn_append_action(conn, std::move(action));
             return 0;
         }
     } catch (const std::bad_alloc &) {
@@ -151,19 +149,21 @@ const definition_keyword definition_keywords[] = {
          tovrin_group_add_member(c, cl.arg(1));
          return 0;
      }},
+    // The three group settings: refused above for a plain conn, the only
+    // kind without a group part.
     {"mutex", "Connection %s is not a group and cannot have a mutex property",
      [](tovrin_conn *c, const config_clause &) {
-         c->mutex = 1;
+         c->group_part->mutex = 1;
          return 0;
      }},
     {"failovertimeout", "Connection %s is not a group and cannot have a failover timeout",
      [](tovrin_conn *c, const config_clause &cl) {
-         return set_number(c, cl, &c->failovertimeout,
+         return set_number(c, cl, &c->group_part->failovertimeout,
                            "Failover timeout specified without a value in connection %s");
      }},
     {"failforwardperiod", "Connection %s is not a group and cannot have a failforward period",
      [](tovrin_conn *c, const config_clause &cl) {
-         return set_number(c, cl, &c->failforwardperiod,
+         return set_number(c, cl, &c->group_part->failforwardperiod,
                            "Failforward period specified without a value in connection %s");
      }},
     {"file-dependency", nullptr,

@@ -172,11 +172,22 @@ int tovrin_conn_compare(const tovrin_conn *o, const tovrin_conn *n) {
         tovrin_log(TOVRIN_LOG_DEBUG, "conn %s is_deaf changed", conn);
         return 0;
     }
+    // A conn without commands has empty lists; an empty vector allocates
+    // nothing.
+    const tovrin_action_list none;
+    auto actions = [&none](const tovrin_conn *c, int type) -> const tovrin_action_list & {
+        const tovrin_action_list *list = tovrin_conn_actions(c, type);
+        return list != nullptr ? *list : none;
+    };
     if (!same_vars(o, n) || !same_file_deps(o, n) ||
-        !same_actions(conn, "start", o->start_actions, n->start_actions) ||
-        !same_actions(conn, "stop", o->stop_actions, n->stop_actions) ||
-        !same_actions(conn, "test", o->test_actions, n->test_actions) ||
-        !same_list(o->up_actions, n->up_actions, same_action, say_nothing))
+        !same_actions(conn, "start", actions(o, TOVRIN_ACTION_START),
+                      actions(n, TOVRIN_ACTION_START)) ||
+        !same_actions(conn, "stop", actions(o, TOVRIN_ACTION_STOP),
+                      actions(n, TOVRIN_ACTION_STOP)) ||
+        !same_actions(conn, "test", actions(o, TOVRIN_ACTION_TEST),
+                      actions(n, TOVRIN_ACTION_TEST)) ||
+        !same_list(actions(o, TOVRIN_ACTION_UP), actions(n, TOVRIN_ACTION_UP), same_action,
+                   say_nothing))
         return 0;
 
     bool same_parents =
@@ -220,12 +231,14 @@ int tovrin_conn_compare(const tovrin_conn *o, const tovrin_conn *n) {
         return 0;
     if (o->group_name != n->group_name)
         return 0;
+    // Both are groups from here, each with its group part.
     if (o->type == TOVRIN_CONN)
         return 1;
-    if (!same_list(o->members, n->members, same_link, say_nothing))
+    const tovrin_group_part &og = *o->group_part, &ng = *n->group_part;
+    if (!same_list(og.members, ng.members, same_link, say_nothing))
         return 0;
-    if (o->failforwardperiod != n->failforwardperiod || o->failovertimeout != n->failovertimeout ||
-        o->mutex != n->mutex)
+    if (og.failforwardperiod != ng.failforwardperiod || og.failovertimeout != ng.failovertimeout ||
+        og.mutex != ng.mutex)
         return 0;
     return 1;
 }

@@ -36,7 +36,7 @@ void tovrin_config_fixup(tovrin_inst *inst, tovrin_config_handover handover) {
     for (tovrin_conn &group : inst->new_conns) {
         if (group.type != TOVRIN_ANYGROUP && group.type != TOVRIN_ORDEREDGROUP)
             continue;
-        for (const tovrin_link &member : group.members)
+        for (const tovrin_link &member : group.group_part->members)
             tovrin_conn_set_group(pending_find_or_deaf(inst, member.name), group.name);
     }
 

@@ -117,15 +117,16 @@ void tovrin_graph_node(const tovrin_conn *conn, FILE *out, int cluster) {
         return;
 
     // Positions count named members only: they are the failover order.
+    const tovrin_link_list &members = conn->group_part->members;
     int position = 0;
-    for (const tovrin_link &member : conn->members) {
+    for (const tovrin_link &member : members) {
         if (!member.name.empty())
             fprintf(out, "\t\"%s\"->\"%s\" [label=\"%d\",style=dotted];\n", name,
                     member.name.c_str(), position++);
     }
     fprintf(out, "\tsubgraph cluster%d {\n", cluster);
     fprintf(out, "\t\t\"%s\";\n", name);
-    for (const tovrin_link &member : conn->members) {
+    for (const tovrin_link &member : members) {
         if (!member.name.empty())
             fprintf(out, "\t\t\"%s\";\n", member.name.c_str());
     }

@@ -68,13 +68,16 @@ void links_write(FILE *out, const char *prefix, const tovrin_conn &conn) {
 // Writes the start, stop, test and up clauses. The stored text keeps the
 // line break it had in the file, and that break ends the dumped line.
 void commands_write(FILE *out, const char *prefix, const tovrin_conn &conn) {
-    for (const auto &action : conn.start_actions)
+    const tovrin_command_part *part = conn.command_part.get();
+    if (part == nullptr)
+        return;
+    for (const auto &action : part->start_actions)
         fprintf(out, "%s\tstart %s", prefix, action->command.c_str());
-    for (const auto &action : conn.stop_actions)
+    for (const auto &action : part->stop_actions)
         fprintf(out, "%s\tstop %s", prefix, action->command.c_str());
-    for (const auto &action : conn.test_actions)
+    for (const auto &action : part->test_actions)
         fprintf(out, "%s\ttest %s", prefix, action->command.c_str());
-    for (const auto &action : conn.up_actions)
+    for (const auto &action : part->up_actions)
         fprintf(out, "%s\tup %s", prefix, action->command.c_str());
 }
 
@@ -120,10 +123,12 @@ void queues_write(FILE *out, const char *prefix, const tovrin_conn &conn,
                   const std::deque<tovrin_msg> &messages) {
     // Every conn lists the whole queue, not only what is addressed to it, so
     // the order between messages shows wherever the reader looks.
-    for (const auto &entry : conn.queued_actions)
-        fprintf(out, "%s\t#queued action \"%s\"\n", prefix, entry->command_name.c_str());
-    for (const auto &entry : conn.queued_up_actions)
-        fprintf(out, "%s\t#queued up action \"%s\"\n", prefix, entry->command_name.c_str());
+    if (const tovrin_command_part *part = conn.command_part.get()) {
+        for (const auto &entry : part->queued_actions)
+            fprintf(out, "%s\t#queued action \"%s\"\n", prefix, entry->command_name.c_str());
+        for (const auto &entry : part->queued_up_actions)
+            fprintf(out, "%s\t#queued up action \"%s\"\n", prefix, entry->command_name.c_str());
+    }
     for (const tovrin_msg &msg : messages) {
         fprintf(out, "%s\t#pending message from %s, type: %d\n", prefix,
                 msg.src != nullptr ? msg.src->name.c_str() : "tovrin", msg.type);
@@ -169,17 +174,18 @@ void group_write(FILE *out, const char *prefix, const tovrin_conn &group,
         return;
     }
     state_comments_write(out, prefix, group);
-    fprintf(out, "%s\t#currently_failing_over = %d\n", prefix, group.currently_failing_over);
-    fprintf(out, "%s\t#active_conn_name %s\n", prefix, text_or_null(group.active_conn_name));
+    const tovrin_group_part &part = *group.group_part;
+    fprintf(out, "%s\t#currently_failing_over = %d\n", prefix, part.currently_failing_over);
+    fprintf(out, "%s\t#active_conn_name %s\n", prefix, text_or_null(part.active_conn_name));
     fprintf(out, "%s\t#next_active_conn_name %s\n", prefix,
-            text_or_null(group.next_active_conn_name));
+            text_or_null(part.next_active_conn_name));
     timing_write(out, prefix, group);
-    fprintf(out, "%s\tfailforwardperiod %d\n", prefix, group.failforwardperiod);
-    fprintf(out, "%s\tfailovertimeout %d\n", prefix, group.failovertimeout);
-    if (group.mutex != 0)
+    fprintf(out, "%s\tfailforwardperiod %d\n", prefix, part.failforwardperiod);
+    fprintf(out, "%s\tfailovertimeout %d\n", prefix, part.failovertimeout);
+    if (part.mutex != 0)
         fprintf(out, "%s\tmutex\n", prefix);
     links_write(out, prefix, group);
-    for (const tovrin_link &member : group.members) {
+    for (const tovrin_link &member : part.members) {
         if (!member.name.empty())
             fprintf(out, "%s\tmember %s\n", prefix, member.name.c_str());
     }

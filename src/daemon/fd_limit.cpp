@@ -19,8 +19,12 @@ constexpr rlim_t PIPES_PER_COMMAND = 2;
 rlim_t tovrin_fd_limit_needed(const tovrin_inst *inst) {
     rlim_t commands = 0;
     for (const tovrin_conn &conn : inst->conns) {
-        commands += conn.up_actions.size();
-        if (!conn.start_actions.empty() || !conn.stop_actions.empty() || !conn.test_actions.empty())
+        const tovrin_command_part *part = conn.command_part.get();
+        if (part == nullptr)
+            continue;
+        commands += part->up_actions.size();
+        if (!part->start_actions.empty() || !part->stop_actions.empty() ||
+            !part->test_actions.empty())
             commands++;
     }
     return OWN_DESCRIPTORS + PIPES_PER_COMMAND * commands;

@@ -60,20 +60,21 @@ int orderedgroup_decide(group_class cls, bool active, bool mutex, int request) {
 }
 
 int check_orderedgroup(tovrin_conn *group, tovrin_conn *conn, int request) {
-    if (group->active_conn_name.empty()) {
+    const tovrin_group_part &part = *group->group_part;
+    if (part.active_conn_name.empty()) {
         tovrin_group_reset_active(group);
-        if (group->active_conn_name.empty())
+        if (part.active_conn_name.empty())
             return 1;
     }
     if (group->current_state > TOVRIN_STATE_STOPPING_MEMBERS)
         return 0;
-    bool active = conn->name == group->active_conn_name;
-    int result = orderedgroup_decide(group_class_of(group->current_state), active,
-                                     group->mutex != 0, request);
+    bool active = conn->name == part.active_conn_name;
+    int result =
+        orderedgroup_decide(group_class_of(group->current_state), active, part.mutex != 0, request);
     if (debug_general(conn)) {
         tovrin_log(TOVRIN_LOG_INFO,
-                   group->mutex != 0 ? "tovrin_conn_check_orderedgroup_mutex(%s, %s, %d) = %d"
-                                     : "tovrin_conn_check_orderedgroup(%s, %s, %d) = %d",
+                   part.mutex != 0 ? "tovrin_conn_check_orderedgroup_mutex(%s, %s, %d) = %d"
+                                   : "tovrin_conn_check_orderedgroup(%s, %s, %d) = %d",
                    group->name.c_str(), conn->name.c_str(), request, result);
     }
     return result;

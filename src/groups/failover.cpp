@@ -32,7 +32,8 @@ tovrin_conn *find_member(tovrin_conn *group, const std::string &name) {
 }
 
 tovrin_conn *active_member(tovrin_conn *group) {
-    return group->active_conn_name.empty() ? nullptr : find_member(group, group->active_conn_name);
+    const std::string &active = group->group_part->active_conn_name;
+    return active.empty() ? nullptr : find_member(group, active);
 }
 
 bool is_up(const tovrin_conn *conn) {
@@ -42,7 +43,7 @@ bool is_up(const tovrin_conn *conn) {
 // The member in the list, not the string the caller holds: names that become
 // active or next-active are always copies of a member's name.
 const tovrin_link *member_named(const tovrin_conn *group, const std::string &name) {
-    for (const tovrin_link &link : group->members) {
+    for (const tovrin_link &link : group->group_part->members) {
         if (link.name == name)
             return &link;
     }
@@ -54,7 +55,8 @@ const tovrin_link *member_named(const tovrin_conn *group, const std::string &nam
 enum group_timer { FAILOVER, FAILFORWARD };
 
 timer_slot &slot_of(tovrin_conn *group, group_timer timer) {
-    return timer == FAILOVER ? group->failover_event : group->failforward_event;
+    tovrin_group_part &part = *group->group_part;
+    return timer == FAILOVER ? part.failover_event : part.failforward_event;
 }
 
 void arm(tovrin_conn *group, group_timer timer, int seconds) {
@@ -112,7 +114,7 @@ void cancel(tovrin_conn *group, group_timer timer) {
 // Both moves end the same way: the group restarts, its stop takes down only
 // the active member and then hands the group to next_active_conn_name.
 void restart_failing_over(tovrin_conn *group) {
-    group->currently_failing_over = true;
+    group->group_part->currently_failing_over = true;
     tovrin_conn_restart(group);
 }
 
@@ -138,7 +140,7 @@ void tovrin_group_failover_timeout(evutil_socket_t, short, void *arg) {
     auto *group = static_cast<tovrin_conn *>(arg);
     if (group->type != TOVRIN_ORDEREDGROUP)
         return;
-    if (group->active_conn_name.empty()) {
+    if (group->group_part->active_conn_name.empty()) {
         tovrin_group_cancel_failover(group);
         tovrin_group_reset_active(group);
         tovrin_conn_restart(group);
@@ -156,7 +158,7 @@ void tovrin_group_failover_timeout(evutil_socket_t, short, void *arg) {
 
 void tovrin_group_member_failed(tovrin_conn *group) {
     if (group->type == TOVRIN_ANYGROUP) {
-        for (const tovrin_link &link : group->members) {
+        for (const tovrin_link &link : group->group_part->members) {
             if (is_up(find_member(group, link.name)))
                 return;
         }
@@ -168,7 +170,7 @@ void tovrin_group_member_failed(tovrin_conn *group) {
                    group->name.c_str());
         return;
     }
-    if (group->active_conn_name.empty())
+    if (group->group_part->active_conn_name.empty())
         tovrin_group_reset_active(group);
     if (tovrin_conn_is_active(group)) {
         tovrin_conn *active = active_member(group);
@@ -188,11 +190,12 @@ void tovrin_group_ordered_failover(tovrin_conn *group) {
                    group->name.c_str());
         return;
     }
+    tovrin_group_part &part = *group->group_part;
     tovrin_group_cancel_failover(group);
     tovrin_group_cancel_failforward(group);
-    if (group->active_conn_name.empty())
+    if (part.active_conn_name.empty())
         tovrin_group_reset_active(group);
-    if (group->active_conn_name.empty() || group->members.empty()) {
+    if (part.active_conn_name.empty() || part.members.empty()) {
         if (logs(group, TOVRIN_LOG_FAILOVER)) {
             tovrin_log(TOVRIN_LOG_INFO, "group %s can't failover with no members",
                        group->name.c_str());
@@ -206,20 +209,20 @@ void tovrin_group_ordered_failover(tovrin_conn *group) {
         if (logs(group, TOVRIN_LOG_FAILOVER)) {
             tovrin_log(TOVRIN_LOG_INFO,
                        "group %s failover during reloading, keeping current active member %s",
-                       group->name.c_str(), group->active_conn_name.c_str());
+                       group->name.c_str(), part.active_conn_name.c_str());
         }
-        target = member_named(group, group->active_conn_name);
+        target = member_named(group, part.active_conn_name);
     }
     if (target == nullptr) {
-        auto it = group->members.begin();
-        while (it != group->members.end() && it->name != group->active_conn_name)
+        auto it = part.members.begin();
+        while (it != part.members.end() && it->name != part.active_conn_name)
             ++it;
-        if (it != group->members.end())
+        if (it != part.members.end())
             ++it;
-        if (it == group->members.end()) {
+        if (it == part.members.end()) {
             if (logs(group, TOVRIN_LOG_FAILOVER))
                 tovrin_log(TOVRIN_LOG_INFO, "group %s members all failed", group->name.c_str());
-            it = group->members.begin();
+            it = part.members.begin();
         }
         target = &*it;
     }
@@ -234,56 +237,57 @@ void tovrin_group_ordered_failover(tovrin_conn *group) {
         tovrin_log(TOVRIN_LOG_INFO, "group %s failing over to %s", group->name.c_str(),
                    target_conn->name.c_str());
     }
-    group->next_active_conn_name = target->name;
+    part.next_active_conn_name = target->name;
     restart_failing_over(group);
 
-    group->failforward_ready = false;
-    if (group->failforwardperiod != 0)
-        tovrin_group_arm_failforward(group, group->failforwardperiod);
+    part.failforward_ready = false;
+    if (part.failforwardperiod != 0)
+        tovrin_group_arm_failforward(group, part.failforwardperiod);
     else
-        group->failforward_ready = true;
+        part.failforward_ready = true;
 }
 
 void tovrin_group_failforward_timeout(evutil_socket_t, short, void *arg) {
     auto *group = static_cast<tovrin_conn *>(arg);
-    group->failforward_ready = true;
+    group->group_part->failforward_ready = true;
     tovrin_group_member_tested(group);
 }
 
 void tovrin_group_member_tested(tovrin_conn *group) {
-    if (group->type != TOVRIN_ORDEREDGROUP || !group->failforward_ready)
+    if (group->type != TOVRIN_ORDEREDGROUP || !group->group_part->failforward_ready)
         return;
-    if (group->active_conn_name.empty()) {
+    tovrin_group_part &part = *group->group_part;
+    if (part.active_conn_name.empty()) {
         tovrin_group_failforward(group);
         return;
     }
-    if (group->members.empty())
+    if (part.members.empty())
         return;
 
     if (group->inst->reloading_config) {
         tovrin_conn *active = active_member(group);
-        group->next_active_conn_name = active != nullptr ? active->name : std::string();
+        part.next_active_conn_name = active != nullptr ? active->name : std::string();
         tovrin_group_failforward(group);
         return;
     }
-    if (group->mutex != 0) {
-        const tovrin_link &first = group->members.front();
-        if (first.name == group->active_conn_name)
+    if (part.mutex != 0) {
+        const tovrin_link &first = part.members.front();
+        if (first.name == part.active_conn_name)
             return;
-        group->next_active_conn_name =
+        part.next_active_conn_name =
             find_member(group, first.name) != nullptr ? first.name : std::string();
         tovrin_group_failforward(group);
         return;
     }
     // A standby earlier in the list than the active member that has passed
     // its tests is preferred: move back to it.
-    for (const tovrin_link &link : group->members) {
-        if (link.name == group->active_conn_name)
+    for (const tovrin_link &link : part.members) {
+        if (link.name == part.active_conn_name)
             return;
         tovrin_conn *member = find_member(group, link.name);
         if (member != nullptr && (member->current_state == TOVRIN_STATE_TESTED ||
                                   member->current_state == TOVRIN_STATE_UP)) {
-            group->next_active_conn_name = link.name;
+            part.next_active_conn_name = link.name;
             tovrin_group_failforward(group);
             return;
         }
@@ -297,11 +301,12 @@ void tovrin_group_failforward(tovrin_conn *group) {
                    "implemented");
         return;
     }
-    if (group->next_active_conn_name.empty()) {
+    const std::string &next = group->group_part->next_active_conn_name;
+    if (next.empty()) {
         tovrin_group_reset_active(group);
     } else if (logs(group, TOVRIN_LOG_FAILFORWARD)) {
         tovrin_log(TOVRIN_LOG_INFO, "group %s trying to failforward to %s", group->name.c_str(),
-                   group->next_active_conn_name.c_str());
+                   next.c_str());
     }
     tovrin_group_cancel_failforward(group);
     restart_failing_over(group);
@@ -317,15 +322,16 @@ namespace {
 // when a member reports, and any member listed before the active one may
 // still get there.
 bool failforward_may_move(tovrin_conn *group) {
-    const bool timer = group->failforward_event.pending();
-    if (!timer && !group->failforward_ready)
+    const tovrin_group_part &part = *group->group_part;
+    const bool timer = part.failforward_event.pending();
+    if (!timer && !part.failforward_ready)
         return false;
-    if (group->members.empty())
+    if (part.members.empty())
         return false;
-    if (group->mutex != 0)
-        return timer && group->members.front().name != group->active_conn_name;
-    for (const tovrin_link &link : group->members) {
-        if (link.name == group->active_conn_name)
+    if (part.mutex != 0)
+        return timer && part.members.front().name != part.active_conn_name;
+    for (const tovrin_link &link : part.members) {
+        if (link.name == part.active_conn_name)
             return false;
         tovrin_conn *member = find_member(group, link.name);
         if (member != nullptr && !member->is_deaf)
@@ -358,9 +364,10 @@ bool external_failover_sticks(tovrin_conn *group, const tovrin_conn *member) {
     if (!tovrin_conn_is_active(member) || member->current_state == TOVRIN_STATE_WAITING_TO_START ||
         member->current_state == TOVRIN_STATE_UP)
         return false;
-    if (group->failover_event.pending())
+    const tovrin_group_part &part = *group->group_part;
+    if (part.failover_event.pending())
         return false;
-    if (group->current_state == TOVRIN_STATE_STARTING && group->failovertimeout != 0)
+    if (group->current_state == TOVRIN_STATE_STARTING && part.failovertimeout != 0)
         return false;
     if (group->inst->config_reload_timer.pending())
         return false;
@@ -373,9 +380,10 @@ int tovrin_conn_external_failover(tovrin_conn *conn) {
     if (logs(conn, TOVRIN_LOG_EXTERNALCOMMANDS))
         tovrin_log(TOVRIN_LOG_INFO, "external failover command received for %s",
                    conn->name.c_str());
-    if (conn->type != TOVRIN_CONN && !conn->active_conn_name.empty()) {
+    // Only groups have an active member.
+    if (conn->group_part != nullptr && !conn->group_part->active_conn_name.empty()) {
         // A missing member is logged by the lookup and the message dropped.
-        tovrin_conn *member = tovrin_conn_find(conn->inst, conn->active_conn_name);
+        tovrin_conn *member = tovrin_conn_find(conn->inst, conn->group_part->active_conn_name);
         tovrin_conn_deliver_message(conn->inst, nullptr, member, TOVRIN_MSG_RESTART);
         if (member != nullptr && external_failover_sticks(conn, member))
             tovrin_conn_deliver_message(conn->inst, member, conn, TOVRIN_MSG_MEMBER_FAILED);
@@ -392,8 +400,9 @@ void tovrin_group_abandon_failover(tovrin_conn *group) {
     // group stops its members, since none of them may start.
     if (group->inst->config_reload_timer.pending())
         return;
-    for (const tovrin_link &link : group->members) {
-        if (link.name == group->active_conn_name)
+    const tovrin_group_part &part = *group->group_part;
+    for (const tovrin_link &link : part.members) {
+        if (link.name == part.active_conn_name)
             continue;
         tovrin_conn *member = find_member(group, link.name);
         if (member != nullptr && tovrin_conn_is_active(member))

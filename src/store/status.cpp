@@ -41,7 +41,7 @@ void group_key_set(tovrin_conn *group, const char *suffix, const std::string &va
 std::optional<std::string> member_names(const tovrin_conn *group) {
     try {
         std::string names;
-        for (const tovrin_link &member : group->members) {
+        for (const tovrin_link &member : group->group_part->members) {
             if (names.size() >= group_text_max)
                 break;
             if (!names.empty())
@@ -88,12 +88,13 @@ void tovrin_remove_status(tovrin_conn *conn) {
 }
 
 void tovrin_group_set_active(tovrin_conn *group, std::string name) {
-    group->active_conn_name = std::move(name);
+    tovrin_group_part &part = *group->group_part;
+    part.active_conn_name = std::move(name);
     int position = 0;
-    for (const tovrin_link &member : group->members) {
-        if (!group->active_conn_name.empty() && member.name == group->active_conn_name) {
+    for (const tovrin_link &member : part.members) {
+        if (!part.active_conn_name.empty() && member.name == part.active_conn_name) {
             group_key_set(group, ".active-connection-index", std::to_string(position));
-            group_key_set(group, ".active-connection-name", group->active_conn_name);
+            group_key_set(group, ".active-connection-name", part.active_conn_name);
         }
         position++;
     }
@@ -102,9 +103,10 @@ void tovrin_group_set_active(tovrin_conn *group, std::string name) {
 }
 
 void tovrin_group_reset_active(tovrin_conn *group) {
-    if (!group->members.empty())
-        tovrin_group_set_active(group, group->members.front().name);
-    group->next_active_conn_name.clear();
+    tovrin_group_part &part = *group->group_part;
+    if (!part.members.empty())
+        tovrin_group_set_active(group, part.members.front().name);
+    part.next_active_conn_name.clear();
 }
 
 void tovrin_group_publish_failover_timestamp(tovrin_conn *group) {

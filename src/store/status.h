@@ -10,6 +10,8 @@ void tovrin_publish_status(tovrin_conn *conn);
 // Deletes the conn's status key; for a conn leaving the configuration.
 void tovrin_remove_status(tovrin_conn *conn);
 
+// For groups only (records with a group part).
+//
 // Makes name (empty: none) the group's active member and publishes the
 // active member's index and name, then the list of member names.
 void tovrin_group_set_active(tovrin_conn *group, std::string name);

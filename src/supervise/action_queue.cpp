@@ -58,16 +58,39 @@ std::unique_ptr<tovrin_queued_action> queued_action_new(tovrin_conn *conn, tovri
     return entry;
 }
 
-// Queues every action of a list and adds their number to *counter, those
+// Queues every action of one type and adds their number to *counter, those
 // that could not be queued included.
-void conn_queue_actions(tovrin_conn *conn, const tovrin_action_list &actions, int *counter) {
-    for (const auto &action : actions)
+void conn_queue_actions(tovrin_conn *conn, int type, int *counter) {
+    const tovrin_action_list *actions = tovrin_conn_actions(conn, type);
+    if (actions == nullptr)
+        return;
+    for (const auto &action : *actions)
         tovrin_queue_action(conn, action.get());
-    *counter += static_cast<int>(actions.size());
+    *counter += static_cast<int>(actions->size());
 }
 
-bool up_action_queued(const tovrin_conn *conn, const tovrin_action *action) {
-    return std::any_of(conn->queued_up_actions.begin(), conn->queued_up_actions.end(),
+// Ends the running head of queue (it goes when its exit is handled) and
+// frees the idle entries.
+void queue_clear(tovrin_conn *conn, tovrin_queued_action_list &queue) {
+    for (auto it = queue.begin(); it != queue.end();) {
+        tovrin_queued_action *entry = it->get();
+        if (entry->pid != 0) {
+            tovrin_log(TOVRIN_LOG_INFO, "schedule kill for action %s on conn %s",
+                       entry->command_name.c_str(), conn->name.c_str());
+            tovrin_conn_action_timeout(entry);
+            ++it;
+            continue;
+        }
+        tovrin_log(TOVRIN_LOG_INFO, "remove action %s on conn %s", entry->command_name.c_str(),
+                   conn->name.c_str());
+        std::unique_ptr<tovrin_queued_action> owned = std::move(*it);
+        it = queue.erase(it);
+        tovrin_action_free(std::move(owned));
+    }
+}
+
+bool up_action_queued(const tovrin_command_part &part, const tovrin_action *action) {
+    return std::any_of(part.queued_up_actions.begin(), part.queued_up_actions.end(),
                        [action](const auto &entry) { return entry->action == action; });
 }
 
@@ -83,11 +106,12 @@ void tovrin_queue_action(tovrin_conn *conn, tovrin_action *action) {
         timeout = conn->commandtimeout;
     else if (action->type == TOVRIN_ACTION_TEST)
         timeout = conn->testtimeout;
+    // The action is the conn's own, so the conn has its command part.
     std::unique_ptr<tovrin_queued_action> entry = queued_action_new(conn, action, timeout);
     if (entry == nullptr)
         return;
     try {
-        conn->queued_actions.push_back(std::move(entry));
+        conn->command_part->queued_actions.push_back(std::move(entry));
     } catch (const std::bad_alloc &) {
         tovrin_log(TOVRIN_LOG_FATAL, "could not allocate queued action");
     }
@@ -98,7 +122,7 @@ void tovrin_conn_queue_start_actions(tovrin_conn *conn) {
         tovrin_log(TOVRIN_LOG_WARN, "queueing start actions for %s; it already had %d",
                    conn->name.c_str(), conn->n_queued_start_actions);
     }
-    conn_queue_actions(conn, conn->start_actions, &conn->n_queued_start_actions);
+    conn_queue_actions(conn, TOVRIN_ACTION_START, &conn->n_queued_start_actions);
 }
 
 void tovrin_conn_queue_stop_actions(tovrin_conn *conn) {
@@ -106,7 +130,7 @@ void tovrin_conn_queue_stop_actions(tovrin_conn *conn) {
         tovrin_log(TOVRIN_LOG_WARN, "queueing stop actions for %s; it already had %d",
                    conn->name.c_str(), conn->n_queued_stop_actions);
     }
-    conn_queue_actions(conn, conn->stop_actions, &conn->n_queued_stop_actions);
+    conn_queue_actions(conn, TOVRIN_ACTION_STOP, &conn->n_queued_stop_actions);
 }
 
 void tovrin_conn_run_tests(evutil_socket_t, short, void *arg) {
@@ -121,7 +145,7 @@ void tovrin_conn_run_tests(evutil_socket_t, short, void *arg) {
                    conn->name.c_str(), conn->n_queued_test_actions);
     }
     conn->current_test_run_has_failure = false;
-    conn_queue_actions(conn, conn->test_actions, &conn->n_queued_test_actions);
+    conn_queue_actions(conn, TOVRIN_ACTION_TEST, &conn->n_queued_test_actions);
     tovrin_conn_run_queue(conn);
 }
 
@@ -159,9 +183,12 @@ void tovrin_conn_cancel_tests(tovrin_conn *conn) {
 }
 
 void tovrin_conn_queue_up_actions(tovrin_conn *conn) {
-    for (const auto &owned : conn->up_actions) {
+    tovrin_command_part *part = conn->command_part.get();
+    if (part == nullptr)
+        return;
+    for (const auto &owned : part->up_actions) {
         tovrin_action *action = owned.get();
-        if (up_action_queued(conn, action)) {
+        if (up_action_queued(*part, action)) {
             if ((conn->log_mask & TOVRIN_LOG_COMMANDDEBUG) != 0) {
                 tovrin_log(TOVRIN_LOG_INFO,
                            "%s: up action \"%.10s...\" already queued, not requeuing",
@@ -174,7 +201,7 @@ void tovrin_conn_queue_up_actions(tovrin_conn *conn) {
             continue;
         tovrin_queued_action *started = entry.get();
         try {
-            conn->queued_up_actions.push_back(std::move(entry));
+            part->queued_up_actions.push_back(std::move(entry));
         } catch (const std::bad_alloc &) {
             tovrin_log(TOVRIN_LOG_FATAL, "could not allocate queued action");
             continue;
@@ -184,7 +211,10 @@ void tovrin_conn_queue_up_actions(tovrin_conn *conn) {
 }
 
 void tovrin_conn_stop_up_actions(tovrin_conn *conn) {
-    for (auto it = conn->queued_up_actions.begin(); it != conn->queued_up_actions.end();) {
+    if (conn->command_part == nullptr)
+        return;
+    auto &queue = conn->command_part->queued_up_actions;
+    for (auto it = queue.begin(); it != queue.end();) {
         tovrin_queued_action *entry = (it++)->get();
         if (entry->pid != 0)
             tovrin_conn_action_timeout(entry);
@@ -192,7 +222,9 @@ void tovrin_conn_stop_up_actions(tovrin_conn *conn) {
 }
 
 void tovrin_conn_drop_up_action(tovrin_conn *conn, tovrin_queued_action *entry) {
-    auto &queue = conn->queued_up_actions;
+    if (conn->command_part == nullptr)
+        return;
+    auto &queue = conn->command_part->queued_up_actions;
     auto it = std::find_if(queue.begin(), queue.end(),
                            [entry](const auto &queued) { return queued.get() == entry; });
     if (it == queue.end())
@@ -209,21 +241,8 @@ void tovrin_conn_drop_up_action(tovrin_conn *conn, tovrin_queued_action *entry) 
 }
 
 void tovrin_conn_clear_actions(tovrin_conn *conn) {
-    for (auto it = conn->queued_actions.begin(); it != conn->queued_actions.end();) {
-        tovrin_queued_action *entry = it->get();
-        if (entry->pid != 0) {
-            tovrin_log(TOVRIN_LOG_INFO, "schedule kill for action %s on conn %s",
-                       entry->command_name.c_str(), conn->name.c_str());
-            tovrin_conn_action_timeout(entry);
-            ++it;
-            continue;
-        }
-        tovrin_log(TOVRIN_LOG_INFO, "remove action %s on conn %s", entry->command_name.c_str(),
-                   conn->name.c_str());
-        std::unique_ptr<tovrin_queued_action> owned = std::move(*it);
-        it = conn->queued_actions.erase(it);
-        tovrin_action_free(std::move(owned));
-    }
+    if (conn->command_part != nullptr)
+        queue_clear(conn, conn->command_part->queued_actions);
     if (conn->n_queued_start_actions > 0) {
         tovrin_log(TOVRIN_LOG_INFO, "%s had %d queued start actions; clearing them",
                    conn->name.c_str(), conn->n_queued_start_actions);
@@ -242,19 +261,22 @@ void tovrin_conn_clear_actions(tovrin_conn *conn) {
 }
 
 void tovrin_conn_run_queue(tovrin_conn *conn) {
-    if (!conn->queued_actions.empty() && conn->queued_actions.front()->state == TOVRIN_QA_IDLE)
-        tovrin_action_run(conn->queued_actions.front().get());
+    tovrin_queued_action *head = tovrin_conn_queue_head(conn);
+    if (head != nullptr && head->state == TOVRIN_QA_IDLE)
+        tovrin_action_run(head);
 }
 
 void tovrin_conn_actions_release(tovrin_conn *conn) {
-    for (tovrin_queued_action_list *queue : {&conn->queued_up_actions, &conn->queued_actions}) {
-        while (!queue->empty()) {
-            std::unique_ptr<tovrin_queued_action> entry = std::move(queue->front());
-            queue->pop_front();
-            if (entry->state != TOVRIN_QA_IDLE && entry->pid > 0)
-                conn->inst->signal_group(entry->pid, SIGTERM);
-            tovrin_action_unregister(entry.get());
-            tovrin_action_free(std::move(entry));
+    if (tovrin_command_part *part = conn->command_part.get()) {
+        for (tovrin_queued_action_list *queue : {&part->queued_up_actions, &part->queued_actions}) {
+            while (!queue->empty()) {
+                std::unique_ptr<tovrin_queued_action> entry = std::move(queue->front());
+                queue->pop_front();
+                if (entry->state != TOVRIN_QA_IDLE && entry->pid > 0)
+                    conn->inst->signal_group(entry->pid, SIGTERM);
+                tovrin_action_unregister(entry.get());
+                tovrin_action_free(std::move(entry));
+            }
         }
     }
     conn->n_queued_start_actions = 0;

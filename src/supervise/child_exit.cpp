@@ -121,9 +121,9 @@ void up_action_rerun(tovrin_conn *conn, tovrin_queued_action *entry) {
         return;
     }
     if (!entry->throttled) {
+        const tovrin_queued_action_list &up = conn->command_part->queued_up_actions;
         bool conn_throttled =
-            std::any_of(conn->queued_up_actions.begin(), conn->queued_up_actions.end(),
-                        [](const auto &queued) { return queued->throttled; });
+            std::any_of(up.begin(), up.end(), [](const auto &queued) { return queued->throttled; });
         if (!conn_throttled) {
             tovrin_log(TOVRIN_LOG_WARN,
                        "%s: up command %s keeps exiting at once; re-spawning it at most once a "
@@ -183,7 +183,7 @@ void up_action_failed(tovrin_conn *conn, tovrin_queued_action_list::iterator pos
                       bool started) {
     tovrin_action *action = (*position)->action;
     std::unique_ptr<tovrin_queued_action> owned = std::move(*position);
-    conn->queued_up_actions.erase(position);
+    conn->command_part->queued_up_actions.erase(position);
     tovrin_action_free(std::move(owned));
     if (action->restarts < INT_MAX)
         action->restarts++;
@@ -202,9 +202,10 @@ void up_action_failed(tovrin_conn *conn, tovrin_queued_action_list::iterator pos
         delay_ms = std::max(delay_ms, SPAWN_RETRY_DELAY_MIN_MS);
     if (delay_ms > 0) {
         const int32_t capped = std::min(delay_ms, RESTART_DELAY_MAX_MS);
-        conn->up_action_failed_delay_event.set<tovrin_up_action_failed_delay>();
-        conn->up_action_failed_delay_event.add_seconds(*conn->inst->clock, conn->inst->base.get(),
-                                                       conn, static_cast<long>(capped / 1000));
+        timer_slot &delay = conn->command_part->up_action_failed_delay_event;
+        delay.set<tovrin_up_action_failed_delay>();
+        delay.add_seconds(*conn->inst->clock, conn->inst->base.get(), conn,
+                          static_cast<long>(capped / 1000));
         return;
     }
     if (conn_logs(conn, TOVRIN_LOG_DEBUG_WORD))
@@ -261,8 +262,9 @@ void test_action_exited(tovrin_conn *conn, const tovrin_queued_action &entry, in
 
 // Handles the exit of the head of a conn's queued_actions.
 void queued_action_exited(tovrin_conn *conn, const child_status &exit) {
-    std::unique_ptr<tovrin_queued_action> entry = std::move(conn->queued_actions.front());
-    conn->queued_actions.pop_front();
+    tovrin_queued_action_list &queue = conn->command_part->queued_actions;
+    std::unique_ptr<tovrin_queued_action> entry = std::move(queue.front());
+    queue.pop_front();
     if (conn_logs(conn, TOVRIN_LOG_COMMANDDEBUG)) {
         tovrin_log(TOVRIN_LOG_INFO, "%s sigchild event for action pid %d with return code %d",
                    conn->name.c_str(), exit.pid, exit.code);
@@ -310,13 +312,15 @@ void child_exit_handle(tovrin_inst *inst, const child_status &exit) {
         return;
     tovrin_queued_action *entry = it->second;
     inst->running_actions.erase(it);
+    // An entry is queued only for one of its conn's commands, so the conn
+    // has its command part.
     tovrin_conn *conn = entry->conn;
-    auto &up = conn->queued_up_actions;
+    auto &up = conn->command_part->queued_up_actions;
     auto position = std::find_if(up.begin(), up.end(),
                                  [entry](const auto &queued) { return queued.get() == entry; });
     if (position != up.end()) {
         up_action_exited(conn, position, exit);
-    } else if (!conn->queued_actions.empty() && conn->queued_actions.front().get() == entry) {
+    } else if (tovrin_conn_queue_head(conn) == entry) {
         queued_action_exited(conn, exit);
     }
 }
@@ -356,7 +360,7 @@ void tovrin_up_action_start(tovrin_queued_action *entry) {
     if (tovrin_action_run(entry) == 0)
         return;
     tovrin_conn *conn = entry->conn;
-    auto &up = conn->queued_up_actions;
+    auto &up = conn->command_part->queued_up_actions;
     auto position = std::find_if(up.begin(), up.end(),
                                  [entry](const auto &queued) { return queued.get() == entry; });
     if (position != up.end())

@@ -8,7 +8,10 @@
 #include "supervise/state.h"
 
 tovrin_conn::tovrin_conn(tovrin_inst *owner, std::string_view conn_name, int conn_type)
-    : inst(owner), name(conn_name), type(conn_type) {}
+    : inst(owner),
+      name(conn_name),
+      type(conn_type),
+      group_part(conn_type != TOVRIN_CONN ? std::make_unique<tovrin_group_part>() : nullptr) {}
 
 std::unique_ptr<tovrin_conn> tovrin_conn_new(tovrin_inst *inst, std::string_view name, int type,
                                              int commandtimeout, int testperiod, int testdelay,
@@ -84,9 +87,71 @@ tovrin_conn *tovrin_group_add(tovrin_inst *inst, std::string_view name, int type
         tovrin_log(TOVRIN_LOG_FATAL, "Could not add group");
         return nullptr;
     }
-    group->failforwardperiod = 600;
-    group->failovertimeout = 300;
     return group;
+}
+
+namespace {
+
+// The list of a command part that holds commands of type (const or not, as
+// the part); null without a part or for a type that is no command.
+template <typename Part>
+auto part_actions(Part *part, int type) -> decltype(&part->start_actions) {
+    if (part == nullptr)
+        return nullptr;
+    switch (type) {
+        case TOVRIN_ACTION_START:
+            return &part->start_actions;
+        case TOVRIN_ACTION_STOP:
+            return &part->stop_actions;
+        case TOVRIN_ACTION_TEST:
+            return &part->test_actions;
+        case TOVRIN_ACTION_UP:
+            return &part->up_actions;
+        default:
+            return nullptr;
+    }
+}
+
+}  // namespace
+
+tovrin_action_list *tovrin_conn_actions(tovrin_conn *conn, int type) {
+    return part_actions(conn->command_part.get(), type);
+}
+
+const tovrin_action_list *tovrin_conn_actions(const tovrin_conn *conn, int type) {
+    return part_actions<const tovrin_command_part>(conn->command_part.get(), type);
+}
+
+bool tovrin_conn_has_actions(const tovrin_conn *conn, int type) {
+    const tovrin_action_list *list = tovrin_conn_actions(conn, type);
+    return list != nullptr && !list->empty();
+}
+
+void tovrin_conn_append_action(tovrin_conn *conn, std::unique_ptr<tovrin_action> action) {
+    // The part is kept only once the command is in it, so a failure leaves
+    // a conn without commands as it was.
+    std::unique_ptr<tovrin_command_part> made;
+    tovrin_command_part *part = conn->command_part.get();
+    if (part == nullptr) {
+        made = std::make_unique<tovrin_command_part>();
+        part = made.get();
+    }
+    tovrin_action_list *list = part_actions(part, action->type);
+    if (list == nullptr)
+        return;
+    list->push_back(std::move(action));
+    if (made != nullptr)
+        conn->command_part = std::move(made);
+}
+
+tovrin_queued_action *tovrin_conn_queue_head(const tovrin_conn *conn) {
+    const tovrin_command_part *part = conn->command_part.get();
+    return part == nullptr || part->queued_actions.empty() ? nullptr
+                                                           : part->queued_actions.front().get();
+}
+
+bool tovrin_conn_has_queued_up_actions(const tovrin_conn *conn) {
+    return conn->command_part != nullptr && !conn->command_part->queued_up_actions.empty();
 }
 
 void tovrin_conn_add_parent(tovrin_conn *conn, std::string_view name) {
@@ -100,8 +165,8 @@ void tovrin_conn_add_child(tovrin_conn *conn, std::string_view name) {
 }
 
 void tovrin_group_add_member(tovrin_conn *conn, std::string_view name) {
-    if (conn != nullptr)
-        link_add(conn->members, name, "Could not allocate member");
+    if (conn != nullptr && conn->group_part != nullptr)
+        link_add(conn->group_part->members, name, "Could not allocate member");
 }
 
 void tovrin_conn_set_group(tovrin_conn *conn, const std::string &name) {
@@ -191,7 +256,9 @@ int tovrin_conn_count_parents_not_up(tovrin_conn *conn) {
 }
 
 int tovrin_conn_count_members_not_down(tovrin_conn *conn) {
-    return count_links(conn, conn->members,
+    if (conn->group_part == nullptr)
+        return 0;
+    return count_links(conn, conn->group_part->members,
                        [](const tovrin_conn *m) { return m->current_state != TOVRIN_STATE_DOWN; });
 }
 

@@ -50,11 +50,12 @@ void tovrin_keepalive_cancel(tovrin_inst *inst) {
 void tovrin_keepalive(evutil_socket_t, short, void *arg) {
     auto *inst = static_cast<tovrin_inst *>(arg);
     for (tovrin_conn &conn : inst->conns) {
-        if (!conn.queued_actions.empty() && conn.queued_actions.front()->state == TOVRIN_QA_IDLE) {
+        tovrin_queued_action *head = tovrin_conn_queue_head(&conn);
+        if (head != nullptr && head->state == TOVRIN_QA_IDLE) {
             tovrin_log(TOVRIN_LOG_ERROR,
                        "Keepalive found incorrectly waiting commands on conn %s - running now",
                        conn.name.c_str());
-            tovrin_action_run(conn.queued_actions.front().get());
+            tovrin_action_run(head);
         }
         if (conn.current_state > TOVRIN_STATE_WAITING_TO_START)
             continue;

@@ -20,8 +20,10 @@ const char *sender_name(const tovrin_conn *conn, const char *none) {
 // failover in progress, no failforward waiting.
 void conn_interrupt(tovrin_conn *conn) {
     conn->restart_after_stopping = false;
-    const bool was_failing_over = conn->currently_failing_over;
-    conn->currently_failing_over = false;
+    if (conn->group_part == nullptr)
+        return;
+    const bool was_failing_over = conn->group_part->currently_failing_over;
+    conn->group_part->currently_failing_over = false;
     if (conn->type == TOVRIN_ORDEREDGROUP)
         tovrin_group_cancel_failforward(conn);
     if (was_failing_over)

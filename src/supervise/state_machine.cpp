@@ -49,12 +49,6 @@ bool is_group(const tovrin_conn *conn) {
     return conn->type == TOVRIN_ANYGROUP || conn->type == TOVRIN_ORDEREDGROUP;
 }
 
-// Starts the head of the action queue unless it already runs.
-void queue_run(tovrin_conn *conn) {
-    if (!conn->queued_actions.empty() && conn->queued_actions.front()->state == TOVRIN_QA_IDLE)
-        tovrin_action_run(conn->queued_actions.front().get());
-}
-
 void conn_set_down(tovrin_conn *conn) {
     state_enter(conn, TOVRIN_STATE_DOWN);
     for (const tovrin_link &link : conn->parents) {
@@ -89,7 +83,7 @@ void conn_start_parents(tovrin_conn *conn) {
         return;
     }
     state_set(conn, TOVRIN_STATE_STARTING);
-    if (!conn->start_actions.empty())
+    if (tovrin_conn_has_actions(conn, TOVRIN_ACTION_START))
         tovrin_conn_queue_start_actions(conn);
     else
         send_self(conn, TOVRIN_MSG_CHECK_START);
@@ -106,14 +100,14 @@ void conn_start_up_commands(tovrin_conn *conn) {
 // Testing begins: the first run after testdelay. A plain conn keeps the
 // counts of its earlier runs; only a group starts them afresh.
 void conn_tests_begin(tovrin_conn *conn) {
-    if (!conn->test_actions.empty())
+    if (tovrin_conn_has_actions(conn, TOVRIN_ACTION_TEST))
         tovrin_conn_schedule_tests(conn, conn->testdelay);
     else
         send_self(conn, TOVRIN_MSG_CHECK_START);
 }
 
 void conn_set_tested(tovrin_conn *conn) {
-    if (!conn->test_actions.empty() && conn->n_test_passes <= 0)
+    if (tovrin_conn_has_actions(conn, TOVRIN_ACTION_TEST) && conn->n_test_passes <= 0)
         return;
     state_enter(conn, TOVRIN_STATE_TESTED);
     send_self(conn, TOVRIN_MSG_CHECK_START);
@@ -140,7 +134,7 @@ void conn_set_waiting_to_stop(tovrin_conn *conn) {
     if (mask_has(conn, TOVRIN_LOG_UPTRANSITIONS) && conn->current_state == TOVRIN_STATE_UP)
         tovrin_log(TOVRIN_LOG_INFO, "%s is no longer running successfully", conn->name.c_str());
     state_enter(conn, TOVRIN_STATE_WAITING_TO_STOP);
-    if (!conn->test_actions.empty())
+    if (tovrin_conn_has_actions(conn, TOVRIN_ACTION_TEST))
         tovrin_conn_cancel_tests(conn);
     if (conn->previous_state == TOVRIN_STATE_UP) {
         if (tovrin_conn *group = group_of(conn))
@@ -163,9 +157,9 @@ void conn_stop_up_commands(tovrin_conn *conn) {
     if (tovrin_conn_count_children_started(conn) > 0)
         return;
     state_enter(conn, TOVRIN_STATE_STOPPING_UP_COMMANDS);
-    if (!conn->queued_up_actions.empty())
+    if (tovrin_conn_has_queued_up_actions(conn))
         tovrin_conn_stop_up_actions(conn);
-    else if (!conn->queued_actions.empty())
+    else if (tovrin_conn_queue_head(conn) != nullptr)
         tovrin_conn_clear_actions(conn);
     else
         send_self(conn, TOVRIN_MSG_CHECK_STOP);
@@ -173,7 +167,7 @@ void conn_stop_up_commands(tovrin_conn *conn) {
 
 // The stop actions, or straight on when there are none.
 void conn_queue_stop(tovrin_conn *conn) {
-    if (!conn->stop_actions.empty())
+    if (tovrin_conn_has_actions(conn, TOVRIN_ACTION_STOP))
         tovrin_conn_queue_stop_actions(conn);
     else
         send_self(conn, TOVRIN_MSG_CHECK_STOP);
@@ -185,7 +179,7 @@ bool member_up(tovrin_conn *group, const tovrin_link &link) {
 }
 
 bool any_member_up(tovrin_conn *group) {
-    for (const tovrin_link &link : group->members) {
+    for (const tovrin_link &link : group->group_part->members) {
         if (member_up(group, link))
             return true;
     }
@@ -193,11 +187,12 @@ bool any_member_up(tovrin_conn *group) {
 }
 
 tovrin_conn *group_active_member(tovrin_conn *group) {
-    return group->active_conn_name.empty() ? nullptr : find(group, group->active_conn_name);
+    const std::string &active = group->group_part->active_conn_name;
+    return active.empty() ? nullptr : find(group, active);
 }
 
 void group_ensure_active(tovrin_conn *group) {
-    if (group->type == TOVRIN_ORDEREDGROUP && group->active_conn_name.empty())
+    if (group->type == TOVRIN_ORDEREDGROUP && group->group_part->active_conn_name.empty())
         tovrin_group_reset_active(group);
 }
 
@@ -215,7 +210,7 @@ void group_start_testing(tovrin_conn *group) {
         return;
     }
     state_set(group, TOVRIN_STATE_TESTING);
-    if (!group->test_actions.empty()) {
+    if (tovrin_conn_has_actions(group, TOVRIN_ACTION_TEST)) {
         group->n_test_failures = 0;
         group->n_test_passes = 0;
     }
@@ -227,20 +222,20 @@ void group_start_members(tovrin_conn *group) {
     if (group->type == TOVRIN_ORDEREDGROUP) {
         group_ensure_active(group);
         // The group gate decides which of them may really start.
-        for (const tovrin_link &link : group->members) {
+        for (const tovrin_link &link : group->group_part->members) {
             if (tovrin_conn *member = find(group, link.name))
                 send(group, member, TOVRIN_MSG_START);
         }
         if (group_active_member(group) != nullptr) {
-            if (group->failovertimeout != 0)
-                tovrin_group_arm_failover(group, group->failovertimeout);
+            if (int timeout = group->group_part->failovertimeout; timeout != 0)
+                tovrin_group_arm_failover(group, timeout);
         } else {
             send_self(group, TOVRIN_MSG_CHECK_START);
         }
         return;
     }
     bool up = false;
-    for (const tovrin_link &link : group->members) {
+    for (const tovrin_link &link : group->group_part->members) {
         tovrin_conn *member = find(group, link.name);
         if (member == nullptr)
             continue;
@@ -322,11 +317,11 @@ void group_start_by_state(tovrin_conn *group) {
 
 // Are the members the group waits for down?
 bool group_members_down(tovrin_conn *group) {
-    if (group->currently_failing_over) {
+    if (group->group_part->currently_failing_over) {
         tovrin_conn *active = group_active_member(group);
         return active == nullptr || active->current_state == TOVRIN_STATE_DOWN;
     }
-    for (const tovrin_link &link : group->members) {
+    for (const tovrin_link &link : group->group_part->members) {
         tovrin_conn *member = find(group, link.name);
         if (member != nullptr && member->current_state != TOVRIN_STATE_DOWN)
             return false;
@@ -336,26 +331,27 @@ bool group_members_down(tovrin_conn *group) {
 
 // The end of a failover: the member failed over to becomes the active one.
 void group_failover_finish(tovrin_conn *group) {
-    std::string next = std::move(group->next_active_conn_name);
-    group->next_active_conn_name.clear();
+    tovrin_group_part &part = *group->group_part;
+    std::string next = std::move(part.next_active_conn_name);
+    part.next_active_conn_name.clear();
     // A failforward without a target leaves the active member as it is.
     if (!next.empty())
         tovrin_group_set_active(group, std::move(next));
     tovrin_group_publish_failover_timestamp(group);
-    group->currently_failing_over = false;
+    part.currently_failing_over = false;
 }
 
 void group_stop_members(tovrin_conn *group) {
-    if (!group->queued_up_actions.empty())
+    if (tovrin_conn_has_queued_up_actions(group))
         return;
     state_set(group, TOVRIN_STATE_STOPPING_MEMBERS);
     if (tovrin_conn_count_members_not_down(group) == 0) {
         send_self(group, TOVRIN_MSG_CHECK_STOP);
-    } else if (group->currently_failing_over) {
+    } else if (group->group_part->currently_failing_over) {
         if (tovrin_conn *active = group_active_member(group))
             send(group, active, TOVRIN_MSG_STOP);
     } else {
-        for (const tovrin_link &link : group->members) {
+        for (const tovrin_link &link : group->group_part->members) {
             if (tovrin_conn *member = find(group, link.name))
                 send(group, member, TOVRIN_MSG_STOP);
         }
@@ -370,15 +366,16 @@ void group_members_stopped(tovrin_conn *group) {
         return;
     }
     state_set(group, TOVRIN_STATE_STOPPING);
-    if (!group->queued_up_actions.empty()) {
-        if (!group->up_action_failed_delay_event.initialized())
+    if (tovrin_conn_has_queued_up_actions(group)) {
+        timer_slot &delay = group->command_part->up_action_failed_delay_event;
+        if (!delay.initialized())
             tovrin_log(TOVRIN_LOG_WARN,
                        "%d %s(%d) up_action_failed_delay_event not initialized, skip deleting it",
                        1893, group->name.c_str(), group->type);
         else
-            group->up_action_failed_delay_event.del();
+            delay.del();
     }
-    if (!group->test_actions.empty())
+    if (tovrin_conn_has_actions(group, TOVRIN_ACTION_TEST))
         tovrin_conn_cancel_tests(group);
     conn_queue_stop(group);
 }
@@ -398,14 +395,15 @@ void tovrin_conn_start(tovrin_conn *conn) {
         return;
     }
     conn->restart_after_stopping = false;
-    conn->currently_failing_over = false;
+    if (conn->group_part != nullptr)
+        conn->group_part->currently_failing_over = false;
     if (!tovrin_conn_check_group(conn, TOVRIN_GROUP_START))
         return;
     if (is_group(conn))
         group_start_by_state(conn);
     else
         conn_start_by_state(conn);
-    queue_run(conn);
+    tovrin_conn_run_queue(conn);
 }
 
 void tovrin_conn_stop(tovrin_conn *conn) {
@@ -436,7 +434,7 @@ void tovrin_conn_stop(tovrin_conn *conn) {
             conn_stop_up_commands(conn);
             break;
         case TOVRIN_STATE_STOPPING_UP_COMMANDS:
-            if (conn->queued_up_actions.empty()) {
+            if (!tovrin_conn_has_queued_up_actions(conn)) {
                 state_set(conn, TOVRIN_STATE_STOPPING);
                 conn_queue_stop(conn);
             }
@@ -444,7 +442,7 @@ void tovrin_conn_stop(tovrin_conn *conn) {
         default:
             break;
     }
-    queue_run(conn);
+    tovrin_conn_run_queue(conn);
 }
 
 void tovrin_group_stop(tovrin_conn *group) {
@@ -464,7 +462,7 @@ void tovrin_group_stop(tovrin_conn *group) {
         case TOVRIN_STATE_STOPPING:
             if (group->n_queued_stop_actions > 0)
                 break;
-            if (group->currently_failing_over)
+            if (group->group_part->currently_failing_over)
                 group_failover_finish(group);
             conn_set_down(group);
             break;
@@ -490,7 +488,7 @@ void tovrin_group_stop(tovrin_conn *group) {
         default:
             break;
     }
-    queue_run(group);
+    tovrin_conn_run_queue(group);
 }
 
 void tovrin_conn_check_start(tovrin_conn *conn) {
@@ -524,7 +522,7 @@ void tovrin_conn_restart(tovrin_conn *conn) {
             // Already stopping: it starts again once down.
             break;
     }
-    queue_run(conn);
+    tovrin_conn_run_queue(conn);
 }
 
 void tovrin_group_member_down(tovrin_conn *group) {

@@ -41,11 +41,11 @@ TEST(VarSearch, EachStrategyVisitsItsHolders) {
     for (tovrin_conn &conn : t.inst.conns)
         conn.log_mask = 0;
     t.inst.store_vars.front().current_val = "fed value";
-    t.conn("grp")->active_conn_name = "m2";
-    t.conn("g1")->active_conn_name = "g2";
-    t.conn("g2")->active_conn_name = "deep";
-    t.conn("loop1")->active_conn_name = "loop2";
-    t.conn("loop2")->active_conn_name = "loop1";
+    t.conn("grp")->group_part->active_conn_name = "m2";
+    t.conn("g1")->group_part->active_conn_name = "g2";
+    t.conn("g2")->group_part->active_conn_name = "deep";
+    t.conn("loop1")->group_part->active_conn_name = "loop2";
+    t.conn("loop2")->group_part->active_conn_name = "loop1";
     // clang-format off
     const strategy_case cases[] = {
         // first, depth first: p1's ancestry before p2; a conn's own value first.

@@ -26,7 +26,7 @@ TEST(GroupCheck, OrderedGroupFollowsTheDecisionTableInEveryState) {
         "conn d\n");
     tovrin_conn *group = t.conn("g");
     for (int mutex = 0; mutex <= 1; mutex++) {
-        group->mutex = mutex;
+        group->group_part->mutex = mutex;
         for (int state = 0; state < 12; state++) {
             group->current_state = state;
             for (int i = 0; i < 3; i++) {
@@ -39,9 +39,9 @@ TEST(GroupCheck, OrderedGroupFollowsTheDecisionTableInEveryState) {
             }
         }
         // The first member became active at the first check and stayed so.
-        EXPECT_EQ(group->active_conn_name, "a");
+        EXPECT_EQ(group->group_part->active_conn_name, "a");
     }
-    group->active_conn_name = "b";
+    group->group_part->active_conn_name = "b";
     group->current_state = TOVRIN_STATE_UP;
     t.inst.globals->instance_log_mask |= TOVRIN_INST_LOG_DEBUGGENERAL;
     log_capture log;

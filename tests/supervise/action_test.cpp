@@ -47,9 +47,9 @@ TEST(Action, RealChildrenAreDrainedReapedAndForgotten) {
     tovrin_conn *a = t.conn("a");
     auto wait_for = [&t](const std::function<bool()> &done) { return loop_until(t, done); };
     t.deliver("a", TOVRIN_MSG_START);
-    ASSERT_TRUE(wait_for([&] { return a->queued_up_actions.size() == 2; }));
-    const tovrin_queued_action &nul = *a->queued_up_actions.front();
-    const tovrin_queued_action &chatty = *a->queued_up_actions.back();
+    ASSERT_TRUE(wait_for([&] { return a->command_part->queued_up_actions.size() == 2; }));
+    const tovrin_queued_action &nul = *a->command_part->queued_up_actions.front();
+    const tovrin_queued_action &chatty = *a->command_part->queued_up_actions.back();
     ASSERT_TRUE(wait_for([&] {
         return !nul.stdout_fd.valid() && !nul.stderr_fd.valid() && !chatty.stdout_fd.valid() &&
                !chatty.stderr_fd.valid();
