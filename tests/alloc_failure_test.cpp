@@ -56,7 +56,7 @@ outcome loaded(test_inst &t) {
             "actions " + std::to_string(starts != nullptr ? starts->size() : 0),
             "parents " + std::to_string(a->parents.size()),
             "children " + std::to_string(a->children.size()),
-            "deps " + std::to_string(a->file_deps.size())};
+            "deps " + std::to_string(a->var_part != nullptr ? a->var_part->file_deps.size() : 0)};
 }
 
 // What a failover says of the group's timers that were never armed.

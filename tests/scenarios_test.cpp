@@ -271,14 +271,14 @@ struct runner {
                                            {"reload", inst.config_reload_timer.raw()}};
         for (tovrin_conn &conn : inst.conns) {
             const std::string &n = conn.name;
-            out.insert({n + ".test", conn.test_event.raw()});
             if (tovrin_group_part *group = conn.group_part.get())
                 out.insert({{n + ".failover", group->failover_event.raw()},
                             {n + ".failforward", group->failforward_event.raw()}});
             if (conn.command_part == nullptr)
                 continue;
             tovrin_command_part &part = *conn.command_part;
-            out.insert({n + ".updelay", part.up_action_failed_delay_event.raw()});
+            out.insert({{n + ".test", part.test_event.raw()},
+                        {n + ".updelay", part.up_action_failed_delay_event.raw()}});
             for (auto *queue : {&part.queued_actions, &part.queued_up_actions}) {
                 for (const auto &e : *queue) {
                     std::string prefix = n + "." + e->command_name + ".";

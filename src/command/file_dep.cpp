@@ -72,9 +72,11 @@ std::optional<tovrin_file_dep> tovrin_file_dep_new(const char *path) {
 void tovrin_conn_add_file_dep(tovrin_conn *conn, const char *path) {
     if (conn == nullptr || path == nullptr)
         return;
-    for (const tovrin_file_dep &dep : conn->file_deps) {
-        if (dep.path == path)
-            return;
+    if (conn->var_part != nullptr) {
+        for (const tovrin_file_dep &dep : conn->var_part->file_deps) {
+            if (dep.path == path)
+                return;
+        }
     }
     std::optional<tovrin_file_dep> dep = tovrin_file_dep_new(path);
     if (!dep.has_value()) {
@@ -82,7 +84,7 @@ void tovrin_conn_add_file_dep(tovrin_conn *conn, const char *path) {
         return;
     }
     try {
-        conn->file_deps.push_back(std::move(*dep));
+        tovrin_conn_var_part(conn).file_deps.push_back(std::move(*dep));
     } catch (const std::bad_alloc &) {
         tovrin_log(TOVRIN_LOG_FATAL, "Could not allocate file dependency");
     }

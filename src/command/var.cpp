@@ -27,23 +27,24 @@ bool conn_debug(const tovrin_conn *conn) {
     return (conn->log_mask & TOVRIN_LOG_DEBUG_WORD) != 0;
 }
 
-// Moves the one variable held by node to the head of its list in conn.
-// Splicing cannot fail, so the variable is complete before it is visible.
+// Moves the one variable held by node to the head of its list in conn, whose
+// variable part exists. Splicing cannot fail, so the variable is complete
+// before it is visible.
 void conn_insert_var(tovrin_conn *conn, tovrin_var_list &node) {
     const std::string &name = node.front()->name;
     int index = tovrin_var_index(name);
     if (conn_debug(conn))
         tovrin_log(TOVRIN_LOG_INFO, "Inserting var %s in index %d", name.c_str(), index);
-    tovrin_var_list &list = conn->vars[static_cast<size_t>(index)];
+    tovrin_var_list &list = conn->var_part->vars[static_cast<size_t>(index)];
     list.splice_after(list.before_begin(), node);
 }
 
 }  // namespace
 
 void tovrin_conn_vars_init(tovrin_conn *conn) {
-    if (conn == nullptr)
+    if (conn == nullptr || conn->var_part == nullptr)
         return;
-    for (tovrin_var_list &list : conn->vars)
+    for (tovrin_var_list &list : conn->var_part->vars)
         list.clear();
 }
 
@@ -57,6 +58,7 @@ int tovrin_conn_add_var(tovrin_conn *conn, std::string_view name, std::string_vi
         var->name = name;
         var->value = value;
         node.push_front(std::move(var));
+        tovrin_conn_var_part(conn);
     } catch (const std::bad_alloc &) {
         tovrin_log(TOVRIN_LOG_FATAL, "Could not allocate variable");
         return -1;
@@ -78,6 +80,7 @@ int tovrin_conn_add_stord_var(tovrin_conn *conn, std::string_view name, std::str
         // Stays valid when the node is spliced into store_vars.
         var->sub = sub_node.begin();
         node.push_front(std::move(var));
+        tovrin_conn_var_part(conn);
     } catch (const std::bad_alloc &) {
         tovrin_log(TOVRIN_LOG_FATAL, "Could not allocate variable");
         return -1;
@@ -94,9 +97,9 @@ int tovrin_conn_add_stord_var(tovrin_conn *conn, std::string_view name, std::str
 }
 
 void tovrin_conn_vars_free(tovrin_conn *conn) {
-    if (conn == nullptr)
+    if (conn == nullptr || conn->var_part == nullptr)
         return;
-    for (tovrin_var_list &list : conn->vars) {
+    for (tovrin_var_list &list : conn->var_part->vars) {
         while (!list.empty()) {
             const tovrin_var &var = *list.front();
             // Store variables exist only on conns with an instance.
@@ -117,7 +120,11 @@ std::optional<std::string> tovrin_var_lookup_local(tovrin_conn *conn, const std:
     bool debug = conn_debug(conn);
     if (debug)
         tovrin_log(TOVRIN_LOG_INFO, "Looking for var %s in index %d", name.c_str(), index);
-    for (const std::unique_ptr<tovrin_var> &var : conn->vars[static_cast<size_t>(index)]) {
+    // The visit is logged the same for a conn without any variables.
+    if (conn->var_part == nullptr)
+        return text;
+    for (const std::unique_ptr<tovrin_var> &var :
+         conn->var_part->vars[static_cast<size_t>(index)]) {
         if (debug)
             tovrin_log(TOVRIN_LOG_INFO, "Found %s - comparing to %s", var->name.c_str(),
                        name.c_str());

@@ -309,7 +309,9 @@ void finder::commands() {
 
 void finder::unreadable_files() {
     for (const tovrin_conn &conn : inst_->conns) {
-        for (const tovrin_file_dep &dep : conn.file_deps) {
+        if (conn.var_part == nullptr)
+            continue;
+        for (const tovrin_file_dep &dep : conn.var_part->file_deps) {
             unique_fd fd(::open(dep.path.c_str(), O_RDONLY | O_CLOEXEC));
             struct stat st;
             const char *why = nullptr;

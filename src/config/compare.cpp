@@ -63,11 +63,12 @@ bool same_var(const char *conn, const std::unique_ptr<tovrin_var> &o,
     return true;
 }
 
-bool same_vars(const tovrin_conn *o, const tovrin_conn *n) {
+// op and np are the variable parts of o and n.
+bool same_vars(const tovrin_conn *o, const tovrin_var_part &op, const tovrin_var_part &np) {
     const char *conn = o->name.c_str();
-    for (int i = 0; i < TOVRIN_N_VAR_LISTS; i++) {
+    for (size_t i = 0; i < TOVRIN_N_VAR_LISTS; i++) {
         bool same = same_list(
-            o->vars[i], n->vars[i],
+            op.vars[i], np.vars[i],
             [conn](const auto &a, const auto &b) { return same_var(conn, a, b); },
             [conn](list_difference d, const void *) {
                 if (d == LIST_ADDED || d == LIST_REMOVED)
@@ -81,9 +82,9 @@ bool same_vars(const tovrin_conn *o, const tovrin_conn *n) {
     return true;
 }
 
-bool same_file_deps(const tovrin_conn *o, const tovrin_conn *n) {
+bool same_file_deps(const tovrin_var_part &op, const tovrin_var_part &np) {
     return same_list(
-        o->file_deps, n->file_deps,
+        op.file_deps, np.file_deps,
         [](const tovrin_file_dep &a, const tovrin_file_dep &b) {
             return a.path == b.path && a.checksum == b.checksum;
         },
@@ -172,14 +173,17 @@ int tovrin_conn_compare(const tovrin_conn *o, const tovrin_conn *n) {
         tovrin_log(TOVRIN_LOG_DEBUG, "conn %s is_deaf changed", conn);
         return 0;
     }
-    // A conn without commands has empty lists; an empty vector allocates
-    // nothing.
+    // A conn without commands, variables or file dependencies has empty
+    // lists; empty ones allocate nothing.
     const tovrin_action_list none;
+    const tovrin_var_part no_vars;
+    const tovrin_var_part &op = o->var_part != nullptr ? *o->var_part : no_vars;
+    const tovrin_var_part &np = n->var_part != nullptr ? *n->var_part : no_vars;
     auto actions = [&none](const tovrin_conn *c, int type) -> const tovrin_action_list & {
         const tovrin_action_list *list = tovrin_conn_actions(c, type);
         return list != nullptr ? *list : none;
     };
-    if (!same_vars(o, n) || !same_file_deps(o, n) ||
+    if (!same_vars(o, op, np) || !same_file_deps(op, np) ||
         !same_actions(conn, "start", actions(o, TOVRIN_ACTION_START),
                       actions(n, TOVRIN_ACTION_START)) ||
         !same_actions(conn, "stop", actions(o, TOVRIN_ACTION_STOP),

@@ -39,6 +39,14 @@ void tovrin_config_fixup(tovrin_inst *inst, tovrin_config_handover handover) {
         for (const tovrin_link &member : group.group_part->members)
             tovrin_conn_set_group(pending_find_or_deaf(inst, member.name), group.name);
     }
+    // The links are complete: a reload holds two sets of them for a while,
+    // so none keeps room to grow.
+    for (tovrin_conn &conn : inst->new_conns) {
+        conn.parents.shrink();
+        conn.children.shrink();
+        if (conn.group_part != nullptr)
+            conn.group_part->members.shrink();
+    }
 
     tovrin_log(TOVRIN_LOG_DEBUG, "group fixups applied. move or merge...");
     handover(inst);
@@ -51,7 +59,8 @@ void tovrin_config_adopt_new_conns(tovrin_inst *inst) {
     inst->conns.reserve(inst->new_conns.size());
     while (!inst->new_conns.empty()) {
         tovrin_conn *conn = inst->conns.push_back(inst->new_conns.pop_front());
-        conn->test_event.set<tovrin_conn_run_tests>();
+        if (conn->command_part != nullptr)
+            conn->command_part->test_event.set<tovrin_conn_run_tests>();
     }
 }
 

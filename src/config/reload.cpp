@@ -177,7 +177,8 @@ void tovrin_config_reload_merge(tovrin_inst *inst) {
                 break;
         }
         std::unique_ptr<tovrin_conn> gone = inst->conns.unlink(old);
-        gone->test_event.del();
+        if (gone->command_part != nullptr)
+            gone->command_part->test_event.del();
         tovrin_remove_status(gone.get());
         tovrin_conn_vars_free(gone.get());
         doomed.push_back(std::move(gone));

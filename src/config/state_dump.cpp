@@ -83,7 +83,9 @@ void commands_write(FILE *out, const char *prefix, const tovrin_conn &conn) {
 
 // Writes each file dependency with the checksum taken when it was read.
 void file_deps_write(FILE *out, const char *prefix, const tovrin_conn &conn) {
-    for (const tovrin_file_dep &dep : conn.file_deps) {
+    if (conn.var_part == nullptr)
+        return;
+    for (const tovrin_file_dep &dep : conn.var_part->file_deps) {
         fprintf(out, "%s\tfile-dependency %s\n", prefix, dep.path.c_str());
         fprintf(out, "%s\t#checksum %lu\n", prefix, static_cast<unsigned long>(dep.checksum));
     }
@@ -112,7 +114,9 @@ void var_write(FILE *out, const char *prefix, const tovrin_var &var) {
 
 // Writes the variables of the five lists, in list order.
 void vars_write(FILE *out, const char *prefix, const tovrin_conn &conn) {
-    for (const tovrin_var_list &list : conn.vars) {
+    if (conn.var_part == nullptr)
+        return;
+    for (const tovrin_var_list &list : conn.var_part->vars) {
         for (const auto &var : list)
             var_write(out, prefix, *var);
     }

@@ -156,30 +156,36 @@ void tovrin_conn_schedule_tests(tovrin_conn *conn, int delay) {
         tovrin_conn_run_tests(-1, 0, conn);
         return;
     }
-    if (conn->test_event.pending()) {
+    // Tests run only for test commands, so the conn has its command part.
+    timer_slot &test_event = conn->command_part->test_event;
+    if (test_event.pending()) {
         tovrin_log(TOVRIN_LOG_FATAL, "%d %s(%d) test_event already scheduled",
                    SITE_TESTS_ALREADY_SCHEDULED, conn->name.c_str(), conn->type);
         return;
     }
-    if (!conn->test_event.initialized()) {
+    if (!test_event.initialized()) {
         tovrin_log(TOVRIN_LOG_WARN, "%d %s(%d) test_event not initialized yet, set and add it",
                    SITE_TESTS_NOT_INITIALIZED, conn->name.c_str(), conn->type);
     }
-    conn->test_event.set<tovrin_conn_run_tests>();
+    test_event.set<tovrin_conn_run_tests>();
     // A negative delay is run on the next turn of the loop, not at once:
     // callers expect no tests to run inside the call unless they asked for 0.
-    conn->test_event.add_seconds(*conn->inst->clock, conn->inst->base.get(), conn, delay);
+    test_event.add_seconds(*conn->inst->clock, conn->inst->base.get(), conn, delay);
 }
 
 void tovrin_conn_cancel_tests(tovrin_conn *conn) {
     if (conn == nullptr)
         return;
-    if (!conn->test_event.initialized()) {
+    // Nothing to cancel for a conn without commands: it never tests.
+    if (conn->command_part == nullptr)
+        return;
+    timer_slot &test_event = conn->command_part->test_event;
+    if (!test_event.initialized()) {
         tovrin_log(TOVRIN_LOG_WARN, "%d %s(%d) test_event not initialized yet, skip deleting it",
                    SITE_TESTS_CANCEL_NOT_INITIALIZED, conn->name.c_str(), conn->type);
         return;
     }
-    conn->test_event.del();
+    test_event.del();
 }
 
 void tovrin_conn_queue_up_actions(tovrin_conn *conn) {

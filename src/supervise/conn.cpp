@@ -144,6 +144,12 @@ void tovrin_conn_append_action(tovrin_conn *conn, std::unique_ptr<tovrin_action>
         conn->command_part = std::move(made);
 }
 
+tovrin_var_part &tovrin_conn_var_part(tovrin_conn *conn) {
+    if (conn->var_part == nullptr)
+        conn->var_part = std::make_unique<tovrin_var_part>();
+    return *conn->var_part;
+}
+
 tovrin_queued_action *tovrin_conn_queue_head(const tovrin_conn *conn) {
     const tovrin_command_part *part = conn->command_part.get();
     return part == nullptr || part->queued_actions.empty() ? nullptr

@@ -47,10 +47,11 @@ struct tovrin_group_part {
     std::string next_active_conn_name;
 };
 
-// A conn's commands and the entries queued from them. Made with its first
-// command, so the conns without any carry one pointer instead; a queued entry
-// exists only for a command, so a conn without this part never has one.
-// Never moves, since its timer is embedded.
+// A conn's commands, the entries queued from them and the timer of its test
+// runs. Made with its first command, so the conns without any carry one
+// pointer instead; a queued entry exists only for a command, and tests run
+// only for test commands, so a conn without this part never has either.
+// Never moves, since its timers are embedded.
 struct tovrin_command_part {
     tovrin_command_part() = default;
     tovrin_command_part(const tovrin_command_part &) = delete;
@@ -62,7 +63,15 @@ struct tovrin_command_part {
     tovrin_action_list up_actions;
     tovrin_queued_action_list queued_actions;
     tovrin_queued_action_list queued_up_actions;
+    timer_slot test_event;
     timer_slot up_action_failed_delay_event;
+};
+
+// A conn's variables and file dependencies, clauses most conns have none
+// of. Made with the first of them, so the others carry one pointer instead.
+struct tovrin_var_part {
+    std::array<tovrin_var_list, TOVRIN_N_VAR_LISTS> vars;
+    std::vector<tovrin_file_dep> file_deps;
 };
 
 // A conn, a group (type 1 or 2) or a deaf placeholder for a name that is
@@ -100,16 +109,16 @@ struct tovrin_conn {
     bool current_test_run_has_failure = false;
     bool restart_after_stopping = false;
     bool start_after_reload = false;
-    timer_slot test_event;
-    std::array<tovrin_var_list, TOVRIN_N_VAR_LISTS> vars;
     tovrin_link_list parents;
     tovrin_link_list children;
-    std::vector<tovrin_file_dep> file_deps;
     std::string group_name;  // empty: none
     // Groups only (any type but a plain conn); set once, with the record.
     const std::unique_ptr<tovrin_group_part> group_part;
     // Null until the first command clause; then kept as long as the record.
     std::unique_ptr<tovrin_command_part> command_part;
+    // Null until the first variable or file dependency; then kept as long
+    // as the record.
+    std::unique_ptr<tovrin_var_part> var_part;
     // Place in conns or new_conns, and in that list's name index; kept by
     // tovrin_conn_list alone.
     tovrin_conn *list_prev = nullptr;
@@ -141,6 +150,10 @@ bool tovrin_conn_has_actions(const tovrin_conn *conn, int type);
 // part with the first one; one of no command type is dropped. May throw
 // std::bad_alloc, leaving the conn as it was.
 void tovrin_conn_append_action(tovrin_conn *conn, std::unique_ptr<tovrin_action> action);
+
+// The conn's variable part, made when it has none yet. May throw
+// std::bad_alloc, leaving the conn as it was.
+tovrin_var_part &tovrin_conn_var_part(tovrin_conn *conn);
 
 // The head of the conn's action queue, or null when nothing is queued.
 tovrin_queued_action *tovrin_conn_queue_head(const tovrin_conn *conn);

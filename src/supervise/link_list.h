@@ -22,11 +22,15 @@ class tovrin_link_list {
     bool contains(const std::string &name) const;
     // Appends name unless it is already listed; false when it was.
     bool add(const std::string &name);
+    // Gives back the room kept for links still to come, for a list that is
+    // complete; one that cannot be given back is kept.
+    void shrink() { links_.shrink_to_fit(); }
 
     const_iterator begin() const { return links_.begin(); }
     const_iterator end() const { return links_.end(); }
     bool empty() const { return links_.empty(); }
     size_t size() const { return links_.size(); }
+    size_t capacity() const { return links_.capacity(); }
     const tovrin_link &front() const { return links_.front(); }
 
   private:

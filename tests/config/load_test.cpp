@@ -102,3 +102,48 @@ TEST(ConfigLoad, ReportsEveryErrorExactly) {
     for (const load_case &c : accepted)
         check(c, false);
 }
+
+// A conn carries a part only for clauses it has: a plain conn without
+// commands, variables or file dependencies (the bulk of a large
+// configuration, held twice while a reload compares) allocates none, and a
+// deaf placeholder none either. Links keep no room to grow once read.
+TEST(ConfigLoad, OnlyTheClausesAConnHasMakeItsParts) {
+    struct parts_case {
+        const char *conn;
+        bool group, commands, vars;
+    };
+    const parts_case cases[] = {
+        {"plain", false, false, false},   {"parent", false, false, false},
+        {"tested", false, true, false},   {"stopped", false, true, false},
+        {"valued", false, false, true},   {"watching", false, false, true},
+        {"any", true, false, false},      {"ordered", true, true, false},
+        {"missing", false, false, false},
+    };
+    test_inst t;
+    t.write_config(
+        "conn plain\n\tparent parent\n\tlog none\n"
+        "conn parent\n\tlog none\n"
+        "conn tested\n\ttest /bin/true\n\tparent parent\n\tlog none\n"
+        "conn stopped\n\tstop /bin/true\n\tparent parent\n\tlog none\n"
+        "conn valued\n\tvar x 1\n\tlog none\n"
+        "conn watching\n\tfile-dependency /nonexistent/file\n\tlog none\n"
+        "anygroup any\n\tmember plain\n\tmember missing\n\tlog none\n"
+        "orderedgroup ordered\n\tup /bin/true\n\tlog none\n" +
+        [] {
+            std::string members;
+            for (int i = 0; i < 5; i++)
+                members += "\tmember m" + std::to_string(i) + "\n";
+            return members;
+        }());
+    ASSERT_EQ(t.load(), 0);
+    for (const parts_case &c : cases) {
+        const tovrin_conn *conn = t.conn(c.conn);
+        ASSERT_NE(conn, nullptr) << c.conn;
+        EXPECT_EQ(conn->group_part != nullptr, c.group) << c.conn;
+        EXPECT_EQ(conn->command_part != nullptr, c.commands) << c.conn;
+        EXPECT_EQ(conn->var_part != nullptr, c.vars) << c.conn;
+    }
+    EXPECT_TRUE(t.conn("missing")->is_deaf);
+    EXPECT_EQ(t.conn("ordered")->group_part->members.capacity(), 5u);
+    EXPECT_EQ(t.conn("parent")->children.capacity(), 3u);
+}

@@ -483,8 +483,8 @@ bool simulator::quiet() {
     }
     std::unordered_map<const event *, const tovrin_conn *> tests;
     for (tovrin_conn &conn : inst_.conns) {
-        if (conn.test_event.raw() != nullptr)
-            tests.emplace(conn.test_event.raw(), &conn);
+        if (conn.command_part != nullptr && conn.command_part->test_event.raw() != nullptr)
+            tests.emplace(conn.command_part->test_event.raw(), &conn);
     }
     for (const tovrin_virtual_clock::timer &t : clock_->timers(inst_.base.get())) {
         // The keepalive repeats itself; once it has run after the last change
