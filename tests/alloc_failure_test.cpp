@@ -43,7 +43,7 @@ const char long_names[] =
     "\tchild a-child-with-a-long-name\n\tstart /bin/a-start-command-with-a-long-name\n"
     "\tfile-dependency /a/file/dependency/with/a/long/name\n"
     "\tvar a-variable-with-a-long-name a-value-as-long-as-that\n"
-    "conn a-parent-with-a-long-name\nconn a-child-with-a-long-name\n";
+    "conn a-parent-with-a-long-name\n";
 
 // What the load of long_names left in a-conn-with-a-long-name and its group.
 outcome loaded(test_inst &t) {
@@ -87,10 +87,11 @@ const sweep_case cases[] = {
      {},
      0,
      2},
-    // Loading: a command, link or file dependency that cannot be stored is
-    // dropped and the load goes on; a record or variable that cannot be made
-    // fails the load, each with its own message. Only the two line buffers
-    // and the room the hand-over makes for the conns have none.
+    // Loading: a command, link, file dependency or conn only named (the
+    // child) that cannot be stored is dropped and the load goes on; a record
+    // or variable that cannot be made fails the load, each with its own
+    // message. Only the two line buffers and the room the hand-over makes
+    // for the conns have none.
     {"",
      [](test_inst &t) { t.write_config(long_names); },
      [](test_inst &t) { t.load(); },
@@ -106,6 +107,8 @@ const sweep_case cases[] = {
        "parents 1", "children 0", "deps 1"},
       {"Could not allocate link name", "Could not allocate file dependency", "members 1",
        "actions 1", "parents 1", "children 1", "deps 0"},
+      {"Could not allocate conn", "Could not add conn", "Could not add deaf conn", "members 1",
+       "actions 1", "parents 1", "children 1", "deps 1"},
       load_failed({"Could not allocate variable",
                    "Could not set variable a-variable-with-a-long-name in connection "
                    "a-conn-with-a-long-name"}),
