@@ -402,13 +402,13 @@ void plan_write(tovrin_inst *inst, check_log &log, tovrin_log_setup &setup, FILE
 
 int check_file(const tovrin_check_request &request, check_log &log, FILE *out) {
     check_inst c;
+    log.path = request.path;
     if (!c.open()) {
         log.write_prefix(0);
         fprintf(log.report, "cannot set up a check: %s\n", strerror(errno));
         return TOVRIN_CHECK_REFUSED;
     }
     log.inst = &c.inst;
-    log.path = request.path;
     if (c.load(request.path, tovrin_config_move) != 0)
         return TOVRIN_CHECK_REFUSED;
 
