@@ -3,7 +3,8 @@
 #include "support/test_inst.h"
 
 // Checksums match zlib's crc32 across block boundaries (the pattern differs
-// from block to block, so a block read twice or skipped shows). A missing
+// from block to block, so a block read twice or skipped shows, and holds
+// every byte value, NUL and those above 0x7f among them). A missing
 // file counts as empty without a word; one that cannot be read says so on
 // standard error, not in the log.
 TEST(FileDep, ChecksumsFilesAcrossBlockBoundaries) {
@@ -17,7 +18,6 @@ TEST(FileDep, ChecksumsFilesAcrossBlockBoundaries) {
     const std::pair<std::string, uint32_t> cases[] = {
         {"123456789", 0xCBF43926u},
         {"", 0},
-        {std::string("\0\xff\x80\n\r", 5), 0x7D4C7E5Bu},
         {pattern(8192), 0x0C724C91u},
         {pattern(8193), 0xCB62ABB0u},
         {pattern(3 * 8192 + 17), 0x2951FA77u},

@@ -24,14 +24,20 @@ void note(evutil_socket_t, short, void *arg) {
     *t->log += t->name + "@";
 }
 
+// Each test's timers go at the end of its body, before the base.
+struct VirtualClock : testing::Test {
+    ~VirtualClock() override { event_base_free(base); }
+
+    event_base *base = event_base_new();
+    tovrin_virtual_clock clock{0};
+    std::string log;
+};
+
 }  // namespace
 
 // A timer armed straight on libevent, past the clock, would fire on the wall
 // clock: it is listed first and stops the clock from moving.
-TEST(VirtualClock, ATimerArmedOnTheWallClockIsReported) {
-    event_base *base = event_base_new();
-    tovrin_virtual_clock clock(0);
-    std::string log;
+TEST_F(VirtualClock, ATimerArmedOnTheWallClockIsReported) {
     named_timer virt{"v", &log, event_ptr(evtimer_new(base, note, &virt))};
     named_timer wall{"w", &log, event_ptr(evtimer_new(base, note, &wall))};
     clock.arm(virt.ev.get(), 1);
@@ -45,19 +51,13 @@ TEST(VirtualClock, ATimerArmedOnTheWallClockIsReported) {
     EXPECT_FALSE(clock.due(wall.ev.get()).has_value());
     EXPECT_FALSE(clock.advance_to(base, 10, [&] { event_base_loop(base, EVLOOP_NONBLOCK); }));
     EXPECT_EQ(log, "");
-    virt.ev.reset();
-    wall.ev.reset();
-    event_base_free(base);
 }
 
 // One batch a step: the earliest due time, every timer due then in arming
 // order, and when each was armed. Timers freed while pending are forgotten
 // without being looked at again (the sanitizer build would see it), however
 // many of them go.
-TEST(VirtualClock, FiresOneBatchAtATimeAndForgetsFreedTimers) {
-    event_base *base = event_base_new();
-    tovrin_virtual_clock clock(0);
-    std::string log;
+TEST_F(VirtualClock, FiresOneBatchAtATimeAndForgetsFreedTimers) {
     named_timer a{"a", &log, nullptr}, b{"b", &log, nullptr}, c{"c", &log, nullptr};
     for (named_timer *t : {&a, &b, &c})
         t->ev.reset(evtimer_new(base, note, t));
@@ -88,8 +88,4 @@ TEST(VirtualClock, FiresOneBatchAtATimeAndForgetsFreedTimers) {
     EXPECT_FALSE(wall);
     EXPECT_EQ(log, "b@a@b@c@");
     EXPECT_EQ(clock.now(), 7);
-
-    for (named_timer *t : {&a, &b, &c})
-        t->ev.reset();
-    event_base_free(base);
 }

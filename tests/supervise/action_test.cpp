@@ -45,12 +45,11 @@ TEST(Action, RealChildrenAreDrainedReapedAndForgotten) {
     ASSERT_EQ(t.load(), 0);
     const int fds = open_fd_count(getpid());
     tovrin_conn *a = t.conn("a");
-    auto wait_for = [&t](const std::function<bool()> &done) { return loop_until(t, done); };
     t.deliver("a", TOVRIN_MSG_START);
-    ASSERT_TRUE(wait_for([&] { return a->command_part->queued_up_actions.size() == 2; }));
+    ASSERT_TRUE(loop_until(t, [&] { return a->command_part->queued_up_actions.size() == 2; }));
     const tovrin_queued_action &nul = *a->command_part->queued_up_actions.front();
     const tovrin_queued_action &chatty = *a->command_part->queued_up_actions.back();
-    ASSERT_TRUE(wait_for([&] {
+    ASSERT_TRUE(loop_until(t, [&] {
         return !nul.stdout_fd.valid() && !nul.stderr_fd.valid() && !chatty.stdout_fd.valid() &&
                !chatty.stderr_fd.valid();
     }));
@@ -58,7 +57,7 @@ TEST(Action, RealChildrenAreDrainedReapedAndForgotten) {
     EXPECT_EQ(chatty.output.size(), 64u * 1024);
     EXPECT_EQ(a->current_state, TOVRIN_STATE_UP);
     t.deliver("a", TOVRIN_MSG_STOP);
-    ASSERT_TRUE(wait_for([&] { return a->current_state == TOVRIN_STATE_DOWN; }));
+    ASSERT_TRUE(loop_until(t, [&] { return a->current_state == TOVRIN_STATE_DOWN; }));
     EXPECT_TRUE(t.inst.running_actions.empty());
     EXPECT_EQ(open_fd_count(getpid()), fds);
 }
