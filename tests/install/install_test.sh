@@ -56,6 +56,21 @@ done <<EOT
 2 $dest/refused.conf
 64 --bogus
 EOT
+# Out of descriptors before it has read anything, it refuses and says why.
+# Only the three standard descriptors go with it: one more is left for the
+# loader, none for the check. (A sanitizer's runtime needs a pipe to look at
+# memory, so in that build the limit would try the runtime instead.)
+if [ "${2:-plain}" = plain ]; then
+    got=0
+    (
+        for fd in /proc/$BASHPID/fd/*; do
+            [ "${fd##*/}" -gt 2 ] && eval "exec ${fd##*/}>&-"
+        done
+        exec prlimit --nofile=4 "$real/sbin/tovrin-check" "$dest/warns.conf"
+    ) > /dev/null 2> "$dest/fd.err" || got=$?
+    [ "$got" = 2 ] && grep -q "^$dest/warns.conf: cannot set up a check: " "$dest/fd.err" ||
+        fail "tovrin-check without descriptors: exit $got, $(cat "$dest/fd.err")"
+fi
 # A program found only in the first directory of PATH is found there.
 printf 'conn a\n\tstart tovrin-sim\n' > "$dest/path.conf"
 PATH="$real/sbin:$PATH" "$real/sbin/tovrin-check" "$dest/path.conf" > /dev/null 2>&1 ||
