@@ -36,7 +36,6 @@ TEST(SimScript, EachVerb) {
     struct row {
         const char *line, *event, *words;
     } rows[] = {
-        {"at 30 test wan1 fails", "30 test wan1 status=1 runs=-1", "test wan1 fails"},
         {"at 2m test wan1 passes 3", "120 test wan1 status=0 runs=3", "test wan1 passes 3"},
         {"at 1h start vpn fails 1", "3600 start vpn status=1 runs=1", "start vpn fails 1"},
         {"at 0 stop vpn passes", "0 stop vpn status=0 runs=-1", "stop vpn passes"},
@@ -44,8 +43,6 @@ TEST(SimScript, EachVerb) {
         {"at 5 test a takes 2m 4", "5 test a duration=120 runs=4", "test a takes 2m 4"},
         {"at 5 stop a hangs", "5 stop a hang=1 runs=-1", "stop a hangs"},
         {"at 5 up a hangs 2", "5 up a hang=1 runs=2", "up a hangs 2"},
-        {"at 5 up a fails 2", "5 up a status=1 runs=2", "up a fails 2"},
-        {"at 5 up a passes", "5 up a status=0 runs=-1", "up a passes"},
         {"at 7 up a exits", "7 up a exits 1", "up a exits"},
         {"at 7 up a exits 0", "7 up a exits 0", "up a exits 0"},
         {"at 7 up a exits 255   # comment", "7 up a exits 255", "up a exits 255   # comment"},
@@ -89,7 +86,6 @@ TEST(SimScript, ErrorsNameTheirLine) {
     } rows[] = {
         {"at", 1, "at needs a time"},
         {"# c\nwhen 5 cmd a", 2, "expected 'at TIME EVENT' or 'end TIME', not 'when'"},
-        {"at 1.5 cmd a", 1, "bad time '1.5': whole seconds, or with s, m or h"},
         {"at -1 cmd a", 1, "bad time '-1': whole seconds, or with s, m or h"},
         {"at 5d cmd a", 1, "bad time '5d': whole seconds, or with s, m or h"},
         {"at 99999999h cmd a", 1, "bad time '99999999h': whole seconds, or with s, m or h"},
@@ -97,11 +93,8 @@ TEST(SimScript, ErrorsNameTheirLine) {
         {"at 99999999999999999999 cmd a", 1,
          "bad time '99999999999999999999': whole seconds, or with s, m or h"},
         {"at 5", 1, "an event must follow the time"},
-        {"at 5 # nothing", 1, "an event must follow the time"},
         {"at 5 launch a", 1, "unknown event 'launch'"},
-        {"at 5 test", 1, "test needs a conn and what its command does"},
         {"at 5 test a", 1, "test needs a conn and what its command does"},
-        {"at 5 test a breaks", 1, "test takes fails, passes, takes or hangs"},
         {"at 5 test a exits", 1, "test takes fails, passes, takes or hangs"},
         {"at 5 up a takes 3", 1, "up takes exits, fails, passes or hangs"},
         {"at 5 test a fails 0", 1, "bad count '0': a whole number from 1"},

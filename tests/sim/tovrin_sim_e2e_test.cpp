@@ -38,7 +38,6 @@ TEST(TovrinSim, ExitStatusesAndWhatItSays) {
          "DIR/wrong.sim:3: test takes fails, passes, takes or hangs\n"},
         {{dir.file("missing.sim"), conf}, 2, "tovrin-sim: cannot read DIR/missing.sim\n"},
         {{ok, dir.file("bad.conf")}, 1, "0.000 end\ntovrin-sim: DIR/bad.conf did not load\n"},
-        {{ok, dir.file("none.conf")}, 1, "0.000 end\ntovrin-sim: DIR/none.conf did not load\n"},
         {{"--svg", "/nonexistent/x.svg", ok, conf},
          1,
          "5.000 end\ntovrin-sim: cannot write /nonexistent/x.svg\n"},
